@@ -1,0 +1,74 @@
+// The transport client on the internal MQTT broker.
+//
+// Threading contract:
+// - `start` runs one delivery thread; every `message` call of every observer
+//   happens on it, one at a time, never overlapping.
+// - From inside `message` an observer may call `subscribe`, `unsubscribe` and
+//   `publish` of the same client; they do not block on the delivery.
+// - `stop` ends the delivery and joins its thread; no observer is called after
+//   `stop` returns. `stop` must not be called from inside `message`.
+// - `subscribe` and `unsubscribe` are accepted at any time, before `connect`
+//   too. Subscriptions are remembered and sent again on every (re)connect.
+// - The client holds shared references to its observers until they are
+//   unsubscribed or the client is destroyed.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "lapi/com/message.h"
+#include "lapi/config/configuration.h"
+
+namespace ecu::lapi::com {
+
+class ISubscriptionObserver {
+ public:
+  virtual ~ISubscriptionObserver() = default;
+  virtual void message(const std::string& topic, const Message& msg) = 0;
+};
+
+class ITransportClient {
+ public:
+  virtual ~ITransportClient() = default;
+
+  // Starts connecting to the broker without waiting for it. A broker that is
+  // not there yet is retried with back-off once the delivery runs. False only
+  // when the connection parameters are unusable.
+  virtual bool connect() = 0;
+  // Closes the connection; no reconnect follows.
+  virtual void disconnect() = 0;
+  virtual bool is_connected() const = 0;
+
+  // Sends msg.payload with msg.qos. False when the library or the broker
+  // refuses it (bad topic, no memory); the message is then dropped.
+  virtual bool publish(const std::string& topic, const Message& msg) = 0;
+  // Topics with at least one observer.
+  virtual std::size_t subscription_count() const = 0;
+
+  // Adds `observer` for `topic` (MQTT wildcards allowed). False when the
+  // topic is not a valid subscription.
+  virtual bool subscribe(const std::string& topic, int qos,
+                         std::shared_ptr<ISubscriptionObserver> observer) = 0;
+  // Removes that pair; the broker subscription goes with the topic's last
+  // observer.
+  virtual bool unsubscribe(const std::string& topic,
+                           std::shared_ptr<ISubscriptionObserver> observer) = 0;
+
+  virtual const std::string& client_id() const = 0;
+  virtual bool is_running() const = 0;
+
+  virtual void start() = 0;
+  virtual void stop() = 0;
+};
+
+enum TransportType : int {
+  INTERNAL_MQTT = 0,
+};
+
+// A client for the broker at config "host":"port" with id "client_name".
+// Returns an empty pointer for a transport type it does not know.
+std::shared_ptr<ITransportClient> create_client(std::unique_ptr<config::Configuration>& config,
+                                                TransportType type);
+
+}  // namespace ecu::lapi::com

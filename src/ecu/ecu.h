@@ -1,0 +1,55 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "lapi/com/transport.h"
+
+namespace tokard {
+
+// One ECU's token: which client holds it and since when, and whether the ECU
+// accepts requests at all (it does not while its signal group is valid).
+// Observes the ECU's real-time topics to follow that group.
+class Ecu : public ecu::lapi::com::ISubscriptionObserver {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit Ecu(const std::string& name);
+  ~Ecu() override;
+
+  // Unpacks a signal group; a valid group blocks requests, an invalid one
+  // frees the token.
+  void message(const std::string& topic, const ecu::lapi::com::Message& msg) override;
+
+  // True when the topic was not recorded before.
+  bool add_topic(const std::string& topic);
+  // True when `client` holds the token afterwards (granted, taken over from a
+  // holder silent for more than m_token_timeout, or refreshed).
+  bool acquire_token(const std::string& client);
+  // True when the token is free afterwards; false when another client holds it.
+  bool release_token(const std::string& client);
+
+  const std::set<std::string>& topics() const { return m_topics; }
+  const std::string& holder() const { return m_token_taken_by_client; }
+  bool request_active() const { return m_request_active.load(); }
+
+  const std::string m_name;
+
+ protected:
+  // The monotonic clock; tests move time through this.
+  virtual Clock::time_point now() const { return Clock::now(); }
+
+ private:
+  std::string m_token_taken_by_client;
+  std::set<std::string> m_topics;
+  std::atomic<bool> m_request_active{false};
+  std::shared_ptr<void> m_handle_a;
+  std::shared_ptr<void> m_handle_b;
+  Clock::time_point m_token_time{};
+  const std::chrono::milliseconds m_token_timeout{10000};
+};
+
+}  // namespace tokard
