@@ -1,0 +1,117 @@
+#include "reqhandler/request_handler.h"
+
+#include "com/message_adapter.h"
+#include "lapi/logging/logging.h"
+
+namespace tokard {
+namespace {
+
+namespace logging = ecu::lapi::logging;
+using ecu::lapi::pb::PgnRequestTokenRequest;
+using ecu::lapi::pb::PgnRequestTokenResponse;
+
+const logging::LogModulePtr g_log = logging::module("tokard.reqhandler");
+const logging::LogModulePtr g_log_acquire = logging::module("tokard.reqhandler.acquire");
+const logging::LogModulePtr g_log_release = logging::module("tokard.reqhandler.release");
+
+}  // namespace
+
+RequestHandler::RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
+    : m_transport(client),
+      m_subscriber(new utils::SubWrapper(this)),
+      m_ecu_container(client) {
+  m_transport->subscribe(kRequestTopic, 1,
+                         std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+}
+
+RequestHandler::~RequestHandler() {
+  m_transport->unsubscribe(kRequestTopic,
+                           std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+}
+
+void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Message& msg) {
+  if (topic != kRequestTopic) {
+    LAPI_LOG(ERROR, g_log) << "Unexpected message on topic: " << topic;
+    return;
+  }
+  ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenRequest> adapter;
+  auto outcome = adapter.deserialize(msg);
+  if (!outcome.ok) {
+    LAPI_LOG(ERROR, g_log) << "Deserialize error occurred: " << static_cast<int>(outcome.error);
+    return;
+  }
+  const PgnRequestTokenRequest request = std::move(outcome.value);
+  if (!request.has_client_name() || request.client_name().empty()) {
+    LAPI_LOG(ERROR, g_log) << "Received Token request did not contain a client name, "
+                           << "unable to handle request";
+    return;
+  }
+  if (!request.has_request_topic() || request.request_topic().empty()) {
+    LAPI_LOG(ERROR, g_log) << "Received Token request did not contain a request topic, "
+                           << "unable to handle request";
+    return;
+  }
+  switch (request.action()) {
+    case PgnRequestTokenRequest::ACQUIRE:
+      action_acquire(request);
+      break;
+    case PgnRequestTokenRequest::RELEASE:
+      action_release(request);
+      break;
+    default:
+      LAPI_LOG(INFO, g_log) << "Request action: "
+                            << google::protobuf::internal::NameOfEnum(
+                                   ecu::lapi::pb::PgnRequestTokenRequest_Action_descriptor(),
+                                   request.action())
+                            << " not supported.";
+      break;
+  }
+}
+
+void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
+  PgnRequestTokenResponse response;
+  response.set_request_topic(request.request_topic());
+  const std::string response_topic = "app/" + request.client_name() + "/pgn/response";
+
+  PgnRequestTokenResponse::Result result;
+  const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
+  if (!ecu) {
+    LAPI_LOG(ERROR, g_log_acquire) << "Unable to do token handling for topic " << request.request_topic()
+                                   << " as requested from client: " << request.client_name();
+    result = PgnRequestTokenResponse::NO_ECU;
+  } else if (ecu->acquire_token(request.client_name())) {
+    LAPI_LOG(INFO, g_log_acquire) << "Token acquired for '" << ecu->m_name << "' on "
+                                  << request.request_topic() << " by " << request.client_name();
+    result = PgnRequestTokenResponse::ACQUIRED;
+  } else {
+    LAPI_LOG(INFO, g_log_acquire) << "ECU is busy or acquired by another client for "
+                                  << request.request_topic();
+    result = PgnRequestTokenResponse::BUSY;
+  }
+  response.set_result(result);
+  send_response(response_topic, std::move(response));
+}
+
+void RequestHandler::action_release(const PgnRequestTokenRequest& request) {
+  const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
+  if (ecu) {
+    (void)ecu->release_token(request.client_name());
+    return;
+  }
+  LAPI_LOG(ERROR, g_log_release) << "Unable to do token handling for topic " << request.request_topic()
+                                 << " as requested from client: " << request.client_name();
+}
+
+void RequestHandler::send_response(const std::string& topic, const PgnRequestTokenResponse&& response) {
+  ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenResponse> adapter;
+  auto [ok, built] = adapter.serialize(response);
+  if (!ok) {
+    LAPI_LOG_NO_MODULE(ERROR) << "Unable to serialize response for topic " << topic;
+    return;
+  }
+  ecu::lapi::com::Message msg = std::move(built);
+  msg.qos = 1;
+  m_transport->publish(topic, msg);
+}
+
+}  // namespace tokard
