@@ -9,6 +9,7 @@
 //   `stop` returns. `stop` must not be called from inside `message`.
 // - `subscribe` and `unsubscribe` are accepted at any time, before `connect`
 //   too. Subscriptions are remembered and sent again on every (re)connect.
+// - `publish`, `subscribe` and `unsubscribe` may be called from any thread.
 // - The client holds shared references to its observers until they are
 //   unsubscribed or the client is destroyed.
 #pragma once

@@ -91,8 +91,19 @@ class MosquittoBroker {
     if (m_pid <= 0) {
       return;
     }
-    ::kill(m_pid, SIGTERM);
+    // A SIGTERM that lands before mosquitto has installed its handler is
+    // lost, so keep asking, and kill it after five seconds.
     int status = 0;
+    for (int i = 0; i < 100; ++i) {
+      ::kill(m_pid, i < 50 ? SIGTERM : SIGKILL);
+      for (int j = 0; j < 10; ++j) {
+        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+          m_pid = -1;
+          return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
     ::waitpid(m_pid, &status, 0);
     m_pid = -1;
   }

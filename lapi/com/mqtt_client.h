@@ -1,0 +1,154 @@
+// The MQTT 3.1.1 transport client on libmosquitto.
+//
+// One thread of its own (started by `start`) connects, reconnects with
+// back-off, runs libmosquitto's network loop and calls the observers.
+// libmosquitto runs in threaded mode, so `publish`, `subscribe` and
+// `unsubscribe` only queue packets and may be called from any thread,
+// observers included; the loop thread writes them out.
+//
+// Choices the interface leaves open:
+// - Subscribing an observer to a topic it already observes changes nothing;
+//   one `unsubscribe` removes the pair.
+// - An observer whose exact and wildcard subscriptions both match a topic
+//   gets each message once.
+// - While there is no connection, QoS 0 publishes are refused (logged,
+//   false) and QoS 1 and 2 publishes are kept by libmosquitto and sent after
+//   the next connect.
+// - Nothing connects before `start`: `connect` records the wish and the loop
+//   thread acts on it.
+// - `disconnect` takes effect on the loop thread; without one running, at
+//   the next `start` or in the destructor.
+// - `stop` waits for a running delivery and for at most one pass of the
+//   network loop (kLoopTimeout). A connect attempt in progress delays `stop`,
+//   and calls from threads other than the loop thread, until its TCP connect
+//   ends, which on loopback is immediate.
+// - The last reference to the client must not be dropped inside a delivery.
+#pragma once
+
+#include <mosquitto.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "lapi/com/transport.h"
+
+namespace ecu::lapi::com {
+
+struct MqttOptions {
+  // The wait before the first retry, doubled after every failed attempt up
+  // to `longest_retry`; a successful connect starts again from the first.
+  std::chrono::milliseconds first_retry{1000};
+  std::chrono::milliseconds longest_retry{30000};
+  int keepalive_s = 60;
+};
+
+class MqttClient : public ITransportClient {
+ public:
+  // Bounds how long the loop thread takes to notice `stop`.
+  static constexpr std::chrono::milliseconds kLoopTimeout{100};
+
+  MqttClient(std::string host, int port, std::string client_id, MqttOptions options = {});
+  ~MqttClient() override;
+  MqttClient(const MqttClient&) = delete;
+  MqttClient& operator=(const MqttClient&) = delete;
+
+  // False, with an ERROR log, when the host is empty, the port is outside
+  // 1..65535 or libmosquitto could not create the client.
+  bool connect() override;
+  void disconnect() override;
+  bool is_connected() const override;
+
+  bool publish(const std::string& topic, const Message& msg) override;
+  std::size_t subscription_count() const override;
+
+  // False for an empty observer, a QoS outside 0..2 or an invalid topic filter.
+  bool subscribe(const std::string& topic, int qos,
+                 std::shared_ptr<ISubscriptionObserver> observer) override;
+  // False when the pair was not subscribed.
+  bool unsubscribe(const std::string& topic,
+                   std::shared_ptr<ISubscriptionObserver> observer) override;
+
+  const std::string& client_id() const override;
+  bool is_running() const override;
+
+  void start() override;
+  void stop() override;
+
+ private:
+  using ObserverPtr = std::shared_ptr<ISubscriptionObserver>;
+  struct Topic {
+    int qos = 0;  // the highest QoS any of its observers asked for
+    std::vector<ObserverPtr> observers;
+  };
+
+  static void on_connect(mosquitto* handle, void* self, int rc) noexcept;
+  static void on_disconnect(mosquitto* handle, void* self, int rc) noexcept;
+  static void on_message(mosquitto* handle, void* self, const mosquitto_message* msg) noexcept;
+
+  void run();
+  // False after a failed attempt, which has then waited out its back-off.
+  bool attempt_connect();
+  void after_loop_error(int rc);
+  void retry_later(const std::string& reason);
+  // Sleeps up to `limit`; `stop`, `connect` and `disconnect` cut it short.
+  void pause(std::chrono::milliseconds limit);
+  void wake();
+
+  void connected(int rc);
+  void disconnected(int rc);
+  void deliver(const mosquitto_message& raw);
+  std::vector<ObserverPtr> observers_of(const std::string& topic) const;
+  void send_subscribe(const std::string& topic, int qos);
+  // Sends every topic again; the caller holds the registry lock.
+  void resubscribe_all();
+  // Empty on the loop thread, else a lock on m_socket_mutex.
+  std::unique_lock<std::mutex> hold_off_connect();
+  std::string where() const;
+
+  const std::string m_host;
+  const int m_port;
+  const std::string m_client_id;
+  const MqttOptions m_options;
+  std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)> m_handle;
+
+  // Observer registry: every topic filter, and the wildcard ones again in a
+  // short list that each received message is matched against.
+  mutable std::mutex m_registry_mutex;
+  std::unordered_map<std::string, Topic> m_topics;
+  std::vector<std::string> m_wildcards;
+
+  // Held by the loop thread while mosquitto_connect opens a socket and queues
+  // the CONNECT, and by other threads while they queue a packet: libmosquitto
+  // would accept one in between and send it before the CONNECT. Always the
+  // outermost lock.
+  std::mutex m_socket_mutex;
+
+  std::atomic<bool> m_connected{false};  // CONNACK accepted, not lost since
+  std::atomic<bool> m_want_connection{false};
+  std::atomic<bool> m_stop_requested{false};
+  std::atomic<bool> m_running{false};
+
+  std::mutex m_wake_mutex;
+  std::condition_variable m_wake_cv;
+  bool m_woken = false;
+
+  std::mutex m_lifecycle_mutex;  // serialises start and stop
+  std::thread m_thread;
+  std::atomic<std::thread::id> m_loop_thread{};
+
+  // Touched by the loop thread only (and by the destructor after the join).
+  std::chrono::milliseconds m_retry_delay;
+  int m_failed_attempts = 0;
+  bool m_session_up = false;  // CONNACK accepted on the current socket
+  std::string m_refusal;      // why the broker refused the current attempt
+  bool m_disconnect_sent = false;
+};
+
+}  // namespace ecu::lapi::com

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages tokard needs, only when some are missing.
+# Usage: scripts/deps.sh run|test
+set -euo pipefail
+
+packages=(g++ make cmake pkg-config git mosquitto libmosquitto-dev protobuf-compiler libprotobuf-dev
+          nlohmann-json3-dev)
+if [ "${1:-run}" = test ]; then
+  packages+=(libgtest-dev libgmock-dev googletest)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+echo "Installing: ${missing[*]}"
+$sudo apt-get update
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
