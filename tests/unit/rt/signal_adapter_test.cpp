@@ -86,7 +86,7 @@ TEST_F(ASignalAdapter, RefusesASignalWithFewerThanFourDataBytes) {
 using SignalDefinitions = SignalAdapterTest;
 
 TEST_F(SignalDefinitions, LoadFromTheShippedExampleFile) {
-  ASSERT_TRUE(adapter.load(TOKARD_TEST_DATA_DIR "/../../packaging/rt_signals.json"));
+  ASSERT_TRUE(adapter.load(TOKARD_SOURCE_DIR "/packaging/rt_signals.json"));
   EXPECT_TRUE(
       adapter.unpack("rt/ECU1", rt_frame("EngineState", {{"Speed", kBytes}, {"Torque", kBytes}}))
           .success);
