@@ -1,0 +1,44 @@
+// tokctl's command line: one command word, its arguments, and options that
+// may stand anywhere among them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tokctl {
+
+// Exit statuses, shared by every command.
+enum ExitStatus : int {
+  kAcquired = 0,  // also: the command did what it was asked
+  kUsageOrConnection = 1,
+  kNoEcu = 2,
+  kBusy = 3,
+  kNoAnswer = 4,
+};
+
+struct Options {
+  std::string command;             // acquire, hold, release, signal, watch
+  std::vector<std::string> words;  // the command's arguments, in order
+  std::string host = "localhost";
+  int port = 1883;
+  std::string client;
+  std::optional<double> wait_s;
+  std::optional<double> timeout_s;
+  std::string group;
+  bool verbose = false;
+  bool help = false;
+};
+
+struct Parsed {
+  bool ok = false;
+  Options options;
+  std::string error;  // for "tokctl: <error>" when not ok
+};
+
+Parsed parse_command_line(int argc, char** argv);
+
+// The help text, for standard output.
+const char* help_text();
+
+}  // namespace tokctl

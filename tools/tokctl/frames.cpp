@@ -1,0 +1,210 @@
+#include "frames.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <sstream>
+
+#include "com/message_adapter.h"
+#include "ecu/pb/pgn.pb.h"
+#include "ecu/pb/rt.pb.h"
+
+namespace tokctl {
+namespace {
+
+using ecu::lapi::com::Message;
+using ecu::lapi::com::PbInternalMessageAdapter;
+using ecu::lapi::pb::PgnRequestTokenRequest;
+using ecu::lapi::pb::PgnRequestTokenResponse;
+using ecu::lapi::pb::RtSignalGroup;
+namespace err = ecu::lapi::com::err;
+
+constexpr std::size_t kMinDataBytes = 4;  // what tokard's signal decoding insists on
+constexpr std::size_t kHexShown = 32;     // bytes of an unknown payload printed
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
+  return -1;
+}
+
+std::string hex(const std::string& bytes, std::size_t limit = std::string::npos) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (std::size_t i = 0; i < bytes.size() && i < limit; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 0xF];
+  }
+  return out;
+}
+
+const char* failure_text(err::PbInternalDeserializationError error) {
+  switch (error) {
+    case err::TOO_SHORT:
+      return "shorter than the header";
+    case err::HEADER_DECODE:
+      return "header does not decode";
+    case err::PROTOCOL_NOT_USED:
+      return "protocol type 0";
+    case err::HEADER_LENGTH:
+      return "header length is not 18";
+    case err::BODY_DECODE:
+      return "body does not decode";
+    default:
+      return "unknown error";
+  }
+}
+
+std::string undecodable(const Message& msg, err::PbInternalDeserializationError error) {
+  return "undecodable frame (" + std::to_string(msg.payload.size()) + " bytes, " +
+         failure_text(error) + ")";
+}
+
+std::string describe_request(const Message& msg) {
+  const auto decoded = PbInternalMessageAdapter<PgnRequestTokenRequest>().deserialize(msg);
+  if (!decoded.ok) {
+    return undecodable(msg, decoded.error);
+  }
+  const auto& request = decoded.value;
+  std::string action;
+  switch (request.action()) {
+    case PgnRequestTokenRequest::ACQUIRE:
+      action = "acquire";
+      break;
+    case PgnRequestTokenRequest::RELEASE:
+      action = "release";
+      break;
+    default:
+      action = "action " + PgnRequestTokenRequest::Action_Name(request.action());
+      break;
+  }
+  return action + " " + request.request_topic() + " by " + request.client_name();
+}
+
+std::string describe_response(const Message& msg) {
+  const auto decoded = PbInternalMessageAdapter<PgnRequestTokenResponse>().deserialize(msg);
+  if (!decoded.ok) {
+    return undecodable(msg, decoded.error);
+  }
+  const auto& response = decoded.value;
+  std::string result;
+  switch (response.result()) {
+    case PgnRequestTokenResponse::ACQUIRED:
+      result = "acquired";
+      break;
+    case PgnRequestTokenResponse::BUSY:
+      result = "busy";
+      break;
+    case PgnRequestTokenResponse::NO_ECU:
+      result = "no ECU";
+      break;
+    default:
+      result = "result " + PgnRequestTokenResponse::Result_Name(response.result());
+      break;
+  }
+  return result + " " + response.request_topic();
+}
+
+std::string describe_group(const Message& msg) {
+  const auto decoded = PbInternalMessageAdapter<RtSignalGroup>().deserialize(msg);
+  if (!decoded.ok) {
+    return undecodable(msg, decoded.error);
+  }
+  const auto& group = decoded.value;
+  bool valid = true;
+  std::string signals;
+  for (const auto& signal : group.signals()) {
+    valid = valid && signal.status() == 0;
+    signals += " " + signal.name() + "=" + hex(signal.data()) + ":" +
+               std::to_string(signal.status());
+  }
+  return group.name() + (valid ? " valid" : " not valid") + signals;
+}
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool ends_with(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace
+
+bool parse_signal(const std::string& word, SignalSpec& out, std::string& error) {
+  const auto eq = word.find('=');
+  const auto colon = word.rfind(':');
+  if (eq == std::string::npos || eq == 0 || colon == std::string::npos || colon < eq) {
+    error = "'" + word + "' is not SIGNAL=HEX:STATUS";
+    return false;
+  }
+  const std::string digits = word.substr(eq + 1, colon - eq - 1);
+  const std::string status = word.substr(colon + 1);
+  if (digits.size() % 2 != 0 || digits.size() < 2 * kMinDataBytes) {
+    error = "'" + word + "': the data needs at least four bytes as pairs of hex digits";
+    return false;
+  }
+  std::string data;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    const int high = hex_digit(digits[i]);
+    const int low = hex_digit(digits[i + 1]);
+    if (high < 0 || low < 0) {
+      error = "'" + word + "': '" + digits + "' is not hexadecimal";
+      return false;
+    }
+    data += static_cast<char>(high * 16 + low);
+  }
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long value = std::strtoull(status.c_str(), &end, 10);
+  if (status.empty() || status[0] == '-' || *end != '\0' || errno != 0 || value > 0xFFFFFFFFull) {
+    error = "'" + word + "': the status must be a number from 0 to 4294967295";
+    return false;
+  }
+  out.name = word.substr(0, eq);
+  out.data = std::move(data);
+  out.status = static_cast<std::uint32_t>(value);
+  return true;
+}
+
+bool group_frame(const std::string& group, const std::vector<SignalSpec>& signals, Message& out) {
+  RtSignalGroup body;
+  body.set_name(group);
+  for (const auto& spec : signals) {
+    auto* signal = body.add_signals();
+    signal->set_name(spec.name);
+    signal->set_data(spec.data);
+    signal->set_status(spec.status);
+  }
+  auto [ok, msg] = PbInternalMessageAdapter<RtSignalGroup>().serialize(body);
+  out = std::move(msg);
+  return ok;
+}
+
+std::string describe(const std::string& topic, const Message& msg) {
+  if (topic == "system/tokard/request") {
+    return describe_request(msg);
+  }
+  if (starts_with(topic, "app/") && ends_with(topic, "/pgn/response") && topic.size() > 17) {
+    return describe_response(msg);
+  }
+  if (starts_with(topic, "rt/") || starts_with(topic, "rttx/")) {
+    return describe_group(msg);
+  }
+  const std::string bytes(msg.payload.begin(), msg.payload.end());
+  std::string text = std::to_string(bytes.size()) + " bytes";
+  if (!bytes.empty()) {
+    text += " " + hex(bytes, kHexShown) + (bytes.size() > kHexShown ? "..." : "");
+  }
+  return text;
+}
+
+}  // namespace tokctl
