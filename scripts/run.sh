@@ -8,6 +8,9 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh run
 scripts/build.sh -DTOKARD_BUILD_TESTS=OFF
 
+# Signal definitions from the source tree unless the caller names others.
+export LAPI_RT_SIGNALS="${LAPI_RT_SIGNALS:-$PWD/packaging/rt_signals.json}"
+
 broker_pid=""
 if ! (exec 3<>/dev/tcp/127.0.0.1/1883) 2>/dev/null; then
   mosquitto -c scripts/mosquitto-local.conf -p 1883 >build/mosquitto.log 2>&1 &
