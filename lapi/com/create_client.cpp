@@ -32,7 +32,11 @@ std::shared_ptr<ITransportClient> create_client(std::unique_ptr<config::Configur
   if (port == 0) {
     LAPI_LOG(WARNING, g_log) << "broker port '" << port_text << "' is not a port number";
   }
-  return std::make_shared<MqttClient>(config->get("host"), port, config->get("client_name"));
+  MqttOptions options;
+  options.username = config->get("username");
+  options.password = config->get("password");
+  return std::make_shared<MqttClient>(config->get("host"), port, config->get("client_name"),
+                                      options);
 }
 
 }  // namespace ecu::lapi::com

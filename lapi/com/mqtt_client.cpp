@@ -60,6 +60,15 @@ MqttClient::MqttClient(std::string host, int port, std::string client_id, MqttOp
   // Without it an acknowledgement and the next publish wait ~40 ms for the
   // peer's delayed ACK.
   mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1);
+  if (!m_options.username.empty()) {
+    const int rc = mosquitto_username_pw_set(
+        handle, m_options.username.c_str(),
+        m_options.password.empty() ? nullptr : m_options.password.c_str());
+    if (rc != MOSQ_ERR_SUCCESS) {
+      LAPI_LOG(ERROR, g_log) << "cannot set the broker login of '" << m_client_id
+                             << "': " << reason(rc);
+    }
+  }
   mosquitto_connect_callback_set(handle, &MqttClient::on_connect);
   mosquitto_disconnect_callback_set(handle, &MqttClient::on_disconnect);
   mosquitto_message_callback_set(handle, &MqttClient::on_message);

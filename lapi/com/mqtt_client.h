@@ -47,6 +47,9 @@ struct MqttOptions {
   std::chrono::milliseconds first_retry{1000};
   std::chrono::milliseconds longest_retry{30000};
   int keepalive_s = 60;
+  // The broker login; without a username the client connects anonymously.
+  std::string username;
+  std::string password;
 };
 
 class MqttClient : public ITransportClient {

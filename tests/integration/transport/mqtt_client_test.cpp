@@ -81,7 +81,13 @@ class Recorder : public ecu::lapi::com::ISubscriptionObserver,
 };
 using Subscriptions = std::vector<std::pair<std::string, std::shared_ptr<Recorder>>>;
 
-const MqttOptions kQuickRetry{50ms, 200ms, 60};
+MqttOptions quick_retry() {
+  MqttOptions options;
+  options.first_retry = 50ms;
+  options.longest_retry = 200ms;
+  return options;
+}
+const MqttOptions kQuickRetry = quick_retry();
 
 class AnMqttClient : public testing::Test {
  protected:
