@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages tokard needs, only when some are missing.
-# Usage: scripts/deps.sh run|test
+# Usage: scripts/deps.sh run|test|bench
 set -euo pipefail
 
 packages=(g++ make cmake pkg-config git mosquitto libmosquitto-dev protobuf-compiler libprotobuf-dev
           nlohmann-json3-dev)
 if [ "${1:-run}" = test ]; then
-  packages+=(libgtest-dev libgmock-dev googletest)
+  packages+=(libgtest-dev libgmock-dev googletest clang-14 libclang-rt-14-dev llvm-14)
+fi
+if [ "${1:-run}" = bench ]; then
+  packages+=(libbenchmark-dev valgrind gnuplot-nox mosquitto-clients)
 fi
 
 missing=()

@@ -14,6 +14,7 @@
 #   ECUS (2000), VG_REQUESTS (5000), VG_ECUS (500), VALGRIND=0 to skip the memcheck run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/deps.sh bench
 root=$(pwd)
 
 BUILD_DIR=${BUILD_DIR:-build-faults}

@@ -6,3 +6,10 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh test
 scripts/build.sh -DTOKARD_WERROR=ON -DTOKARD_BUILD_TESTS=ON
 ctest --test-dir build --output-on-failure --timeout 300 -j2
+
+# Sanitizer builds and a bounded fuzzing pass (about 15 minutes on 2 cores):
+# always in CI, on request elsewhere.
+if [ "${CI:-}" = true ] || [ "${TOKARD_DEEP_TESTS:-0}" = 1 ]; then
+  scripts/sanitizers.sh
+  scripts/fuzz.sh 30
+fi

@@ -8,7 +8,14 @@ namespace ecu::lapi::com {
 // What the transport client delivers and publishes: a frame and its metadata.
 class Message {
  public:
+  Message() = default;
   virtual ~Message() = default;
+  // Declared because the virtual destructor would otherwise turn every move of
+  // a frame into a copy of its payload.
+  Message(const Message&) = default;
+  Message& operator=(const Message&) = default;
+  Message(Message&&) noexcept = default;
+  Message& operator=(Message&&) noexcept = default;
 
   std::uint8_t qos = 0;
   std::uint64_t timestamp_ns = 0;  // nanoseconds since boot

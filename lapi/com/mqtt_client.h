@@ -27,6 +27,7 @@
 
 #include <mosquitto.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -86,9 +87,66 @@ class MqttClient : public ITransportClient {
 
  private:
   using ObserverPtr = std::shared_ptr<ISubscriptionObserver>;
+  // The observers of one topic, in the order they subscribed. Nearly every
+  // topic has exactly one; keeping it inline saves an allocation per topic
+  // (640 KiB once 10,000 ECUs are subscribed).
+  class ObserverList {
+   public:
+    bool empty() const { return !m_first; }
+    bool contains(const ObserverPtr& observer) const {
+      return (m_first && m_first == observer) ||
+             (m_more && std::find(m_more->begin(), m_more->end(), observer) != m_more->end());
+    }
+    void add(ObserverPtr observer) {
+      if (!m_first) {
+        m_first = std::move(observer);
+        return;
+      }
+      if (!m_more) {
+        m_more = std::make_unique<std::vector<ObserverPtr>>();
+      }
+      m_more->push_back(std::move(observer));
+    }
+    // The reference given up; empty when `observer` was not in the list.
+    ObserverPtr remove(const ObserverPtr& observer) {
+      ObserverPtr removed;
+      if (m_first && m_first == observer) {
+        removed = std::move(m_first);
+        if (m_more) {
+          m_first = std::move(m_more->front());
+          m_more->erase(m_more->begin());
+        }
+      } else if (m_more) {
+        const auto pos = std::find(m_more->begin(), m_more->end(), observer);
+        if (pos != m_more->end()) {
+          removed = std::move(*pos);
+          m_more->erase(pos);
+        }
+      }
+      if (m_more && m_more->empty()) {
+        m_more.reset();
+      }
+      return removed;
+    }
+    template <typename F>
+    void for_each(F&& visit) const {
+      if (m_first) {
+        visit(m_first);
+      }
+      if (m_more) {
+        for (const auto& observer : *m_more) {
+          visit(observer);
+        }
+      }
+    }
+
+   private:
+    ObserverPtr m_first;
+    std::unique_ptr<std::vector<ObserverPtr>> m_more;  // only while there are two or more
+  };
   struct Topic {
     int qos = 0;  // the highest QoS any of its observers asked for
-    std::vector<ObserverPtr> observers;
+    ObserverList observers;
   };
 
   static void on_connect(mosquitto* handle, void* self, int rc) noexcept;
@@ -107,7 +165,8 @@ class MqttClient : public ITransportClient {
   void connected(int rc);
   void disconnected(int rc);
   void deliver(const mosquitto_message& raw);
-  std::vector<ObserverPtr> observers_of(const std::string& topic) const;
+  // Fills `found` with the observers of `topic`.
+  void observers_of(const std::string& topic, std::vector<ObserverPtr>& found) const;
   void send_subscribe(const std::string& topic, int qos);
   // Sends every topic again; the caller holds the registry lock.
   void resubscribe_all();
@@ -147,6 +206,12 @@ class MqttClient : public ITransportClient {
   std::atomic<std::thread::id> m_loop_thread{};
 
   // Touched by the loop thread only (and by the destructor after the join).
+  struct Delivery {
+    Message msg;
+    std::string topic;
+    std::vector<ObserverPtr> observers;
+  };
+  Delivery m_delivery;
   std::chrono::milliseconds m_retry_delay;
   int m_failed_attempts = 0;
   bool m_session_up = false;  // CONNACK accepted on the current socket

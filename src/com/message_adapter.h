@@ -32,6 +32,25 @@ enum PbInternalDeserializationError : std::int32_t {
 
 constexpr int kFrameHeaderSize = 18;
 
+// length_word of an 18-byte header. The layout that serialize writes (field 1
+// then field 2, both fixed64) is read directly, which costs a tenth of the
+// parser; any other layout goes to the parser, which reads that one the same.
+inline bool read_length_word(const std::uint8_t* bytes, std::uint64_t& word) {
+  if (bytes[0] == 0x09 && bytes[9] == 0x11) {
+    word = 0;
+    for (int i = 8; i >= 1; --i) {
+      word = (word << 8) | bytes[i];
+    }
+    return true;
+  }
+  pb::SREHeader header;
+  if (!header.ParseFromArray(bytes, kFrameHeaderSize)) {
+    return false;
+  }
+  word = header.length_word();
+  return true;
+}
+
 template <typename T, typename E>
 class IMessageAdapter {
  public:
@@ -98,12 +117,11 @@ class PbInternalMessageAdapter : public IMessageAdapter<T, err::PbInternalDeseri
       LAPI_LOG(ERROR, log) << "Total length is smaller then expected header length";
       return fail(err::TOO_SHORT);
     }
-    pb::SREHeader header;
-    if (!header.ParseFromArray(payload.data(), kFrameHeaderSize)) {
+    std::uint64_t word = 0;
+    if (!read_length_word(payload.data(), word)) {
       LAPI_LOG(ERROR, log) << "Unable to decode the header.";
       return fail(err::HEADER_DECODE);
     }
-    const std::uint64_t word = header.length_word();
     m_protocol_type = static_cast<std::int32_t>(word & 0xFFFFu);
     if (m_protocol_type == 0) {
       LAPI_LOG(ERROR, log) << "ProtocolType is set to not used!";

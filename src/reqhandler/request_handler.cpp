@@ -71,7 +71,9 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
 void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
   PgnRequestTokenResponse response;
   response.set_request_topic(request.request_topic());
-  const std::string response_topic = "app/" + request.client_name() + "/pgn/response";
+  std::string response_topic;
+  response_topic.reserve(4 + request.client_name().size() + 13);
+  response_topic.append("app/").append(request.client_name()).append("/pgn/response");
 
   PgnRequestTokenResponse::Result result;
   const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());

@@ -24,13 +24,18 @@ TopicOutcome ecu_from_topic(const std::string& topic) {
   if (slash == std::string::npos || slash + 1 == topic.size()) {
     return fail("Unable to find ECU part of topic!");
   }
-  std::string name = topic.substr(slash + 1);
-  name.erase(std::find_if_not(name.rbegin(), name.rend(), is_space).base(), name.end());
-  name.erase(name.begin(), std::find_if_not(name.begin(), name.end(), is_space));
+  std::size_t begin = slash + 1;
+  std::size_t end = topic.size();
+  while (end > begin && is_space(topic[end - 1])) {
+    --end;
+  }
+  while (begin < end && is_space(topic[begin])) {
+    ++begin;
+  }
 
   TopicOutcome out;
   out.ok = true;
-  out.value = std::move(name);
+  out.value.assign(topic, begin, end - begin);
   return out;
 }
 
