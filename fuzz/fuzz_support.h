@@ -83,15 +83,15 @@ inline ecu::lapi::pb::PgnRequestTokenRequest request(
   return body;
 }
 
-// The group defined for `spec` with every signal's status taken from
+// The group defined for `def` with every signal's status taken from
 // `statuses` (0 when it runs short) and four data bytes each.
-inline ecu::lapi::pb::RtSignalGroup group(const GroupSpec& spec,
+inline ecu::lapi::pb::RtSignalGroup group(const GroupSpec& def,
                                           const std::vector<std::uint32_t>& statuses) {
   ecu::lapi::pb::RtSignalGroup body;
-  body.set_name(spec.name);
-  for (std::size_t i = 0; i < spec.signals.size(); ++i) {
+  body.set_name(def.name);
+  for (std::size_t i = 0; i < def.signals.size(); ++i) {
     auto* signal = body.add_signals();
-    signal->set_name(spec.signals[i]);
+    signal->set_name(def.signals[i]);
     signal->set_data(std::string("\x05\x1a\x00\xff", 4));
     signal->set_status(i < statuses.size() ? statuses[i] : 0);
   }

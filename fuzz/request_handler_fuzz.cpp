@@ -140,14 +140,14 @@ class Session {
       return;
     }
     const auto& groups = tokard::fuzz::defined_groups();
-    const auto& spec = groups[static_cast<std::uint8_t>(bytes[1]) % groups.size()];
+    const auto& def = groups[static_cast<std::uint8_t>(bytes[1]) % groups.size()];
     std::vector<std::uint32_t> statuses;
     for (std::size_t i = 2; i < bytes.size(); ++i) {
       const auto b = static_cast<std::uint8_t>(bytes[i]);
       statuses.push_back(b % 2 == 0 ? 0 : b);
     }
     Message msg;
-    msg.payload = tokard::fuzz::frame(tokard::fuzz::group(spec, statuses));
+    msg.payload = tokard::fuzz::frame(tokard::fuzz::group(def, statuses));
     rt_on(static_cast<std::uint8_t>(bytes[0]), msg);
   }
 

@@ -25,13 +25,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     TOKARD_FUZZ_CHECK(adapter.group_count() == 0);
     return 0;
   }
-  for (const auto& spec : defined_groups()) {
+  for (const auto& def : defined_groups()) {
     ecu::lapi::com::Message msg;
-    msg.payload = frame(group(spec, {0, 1}));
-    const auto result = adapter.unpack(spec.topic, msg);
+    msg.payload = frame(group(def, {0, 1}));
+    const auto result = adapter.unpack(def.topic, msg);
     if (result.success) {
-      TOKARD_FUZZ_CHECK(result.group.name() == spec.name);
-      TOKARD_FUZZ_CHECK(result.group.signals().size() == spec.signals.size());
+      TOKARD_FUZZ_CHECK(result.group.name() == def.name);
+      TOKARD_FUZZ_CHECK(result.group.signals().size() == def.signals.size());
     }
   }
   return 0;

@@ -41,13 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   TOKARD_FUZZ_CHECK(defined);
-  const auto& spec = defined_groups()[choice];
-  TOKARD_FUZZ_CHECK(result.group.name() == spec.name);
-  TOKARD_FUZZ_CHECK(result.group.signals().size() == spec.signals.size());
+  const auto& def = defined_groups()[choice];
+  TOKARD_FUZZ_CHECK(result.group.name() == def.name);
+  TOKARD_FUZZ_CHECK(result.group.signals().size() == def.signals.size());
   bool all_clear = true;
-  for (std::size_t i = 0; i < spec.signals.size(); ++i) {
+  for (std::size_t i = 0; i < def.signals.size(); ++i) {
     const auto& signal = result.group.signals()[i];
-    TOKARD_FUZZ_CHECK(signal.name() == spec.signals[i]);
+    TOKARD_FUZZ_CHECK(signal.name() == def.signals[i]);
     TOKARD_FUZZ_CHECK(signal.data().size() >= 4);
     all_clear = all_clear && signal.status() == 0;
   }

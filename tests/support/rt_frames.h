@@ -25,11 +25,11 @@ inline ecu::lapi::com::Message rt_frame(const std::string& group,
                                         const std::vector<RtSignalSpec>& signals) {
   ecu::lapi::pb::RtSignalGroup body;
   body.set_name(group);
-  for (const auto& spec : signals) {
+  for (const auto& sig : signals) {
     auto* signal = body.add_signals();
-    signal->set_name(spec.name);
-    signal->set_data(spec.data);
-    signal->set_status(spec.status);
+    signal->set_name(sig.name);
+    signal->set_data(sig.data);
+    signal->set_status(sig.status);
   }
   return ecu::lapi::com::PbInternalMessageAdapter<ecu::lapi::pb::RtSignalGroup>()
       .serialize(body)

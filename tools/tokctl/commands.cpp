@@ -248,14 +248,14 @@ int run_signal(const Options& options) {
   std::vector<SignalSpec> signals;
   bool valid = true;
   for (std::size_t i = 1; i < options.words.size(); ++i) {
-    SignalSpec spec;
+    SignalSpec sig;
     std::string error;
-    if (!parse_signal(options.words[i], spec, error)) {
+    if (!parse_signal(options.words[i], sig, error)) {
       complain(error);
       return kUsageOrConnection;
     }
-    valid = valid && spec.status == 0;
-    signals.push_back(std::move(spec));
+    valid = valid && sig.status == 0;
+    signals.push_back(std::move(sig));
   }
   ecu::lapi::com::Message frame;
   if (!group_frame(options.group, signals, frame)) {

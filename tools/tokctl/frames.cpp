@@ -178,11 +178,11 @@ bool parse_signal(const std::string& word, SignalSpec& out, std::string& error) 
 bool group_frame(const std::string& group, const std::vector<SignalSpec>& signals, Message& out) {
   RtSignalGroup body;
   body.set_name(group);
-  for (const auto& spec : signals) {
+  for (const auto& sig : signals) {
     auto* signal = body.add_signals();
-    signal->set_name(spec.name);
-    signal->set_data(spec.data);
-    signal->set_status(spec.status);
+    signal->set_name(sig.name);
+    signal->set_data(sig.data);
+    signal->set_status(sig.status);
   }
   auto [ok, msg] = PbInternalMessageAdapter<RtSignalGroup>().serialize(body);
   out = std::move(msg);
