@@ -52,8 +52,13 @@ set(${main}_PACKAGE_RECOMMENDS mosquitto)
 # cross build declares what its programs need (scripts/cross.sh checks the
 # names against their NEEDED entries). The versions are those of Debian 12,
 # which the controller runs and the sysroot is made of.
-set(TOKARD_DEB_DEPENDS
-  "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6), libprotobuf32 (>= 3.21.12), libstdc++6 (>= 12)")
+# With the protobuf runtime linked in statically, the package needs no protobuf library.
+if(TOKARD_STATIC_PROTOBUF)
+  set(TOKARD_DEB_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6), libstdc++6 (>= 12)")
+else()
+  set(TOKARD_DEB_DEPENDS
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6), libprotobuf32 (>= 3.21.12), libstdc++6 (>= 12)")
+endif()
 find_program(TOKARD_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(CMAKE_CROSSCOMPILING OR NOT TOKARD_DPKG_SHLIBDEPS)
   set(${main}_PACKAGE_DEPENDS "${TOKARD_DEB_DEPENDS}")

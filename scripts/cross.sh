@@ -165,7 +165,7 @@ needed=$(find "$contents" -type f -exec sh -c 'file -b "$1" | grep -q "^ELF"' _ 
 rm -rf "$contents"
 for library in $needed; do
   case "$library" in
-    libc.so.6) package=libc6 ;;
+    libc.so.6|ld-linux-armhf.so.3|libm.so.6) package=libc6 ;;
     libgcc_s.so.1) package=libgcc-s1 ;;
     libstdc++.so.6) package=libstdc++6 ;;
     libmosquitto.so.1) package=libmosquitto1 ;;
