@@ -4,9 +4,20 @@
 // "app/<client>/pgn/response" before sending the next. Request k of client c
 // names "rt/ECU<(k*C + c) mod E>", so N requests name min(N, E) ECUs.
 //
+// With -m mix every answer is followed by a release of the same topic, sent
+// just before the next acquire, so that each acquire is a grant to a new
+// holder and each release frees the token. Client c then keeps to ECUs of
+// its own, "rt/ECU<(k mod max(1, E/C))*C + c>", so that no client finds a
+// token another one holds. The round trip is the acquire's (a release has no
+// answer); answers/s counts acquire and release pairs. The releases still
+// owed at the end are sent and acknowledged before the clients disconnect.
+//
 //   loadgen [-h host] [-p port] [-c clients] [-e ecus] (-n requests | -d seconds)
-//           [-w warmup_ms] [-t timeout_ms] [-T limit_s] [-o rtt_file] [-x name_prefix]
+//           [-m acquire|mix] [-w warmup_ms] [-t timeout_ms] [-T limit_s]
+//           [-o rtt_file] [-x name_prefix]
 //   loadgen -P        prints a free loopback port and exits
+//   loadgen -G STATUS writes an EngineState group frame (Speed with STATUS,
+//                     Torque 0) to standard output and exits
 //
 // Requests sent during the warm-up are answered but not counted. An answer
 // that takes longer than the time-out is counted as lost. The last line,
@@ -31,7 +42,7 @@
 #include <string>
 #include <vector>
 
-#include "com/message_adapter.h"
+#include "com/protocol.h"
 #include "ecu/pb/pgn.pb.h"
 
 namespace {
@@ -40,8 +51,9 @@ using Clock = std::chrono::steady_clock;
 using ecu::lapi::pb::PgnRequestTokenRequest;
 using ecu::lapi::pb::PgnRequestTokenResponse;
 
-constexpr const char* kRequestTopic = "system/tokard/request";
+using tokard::protocol::kRequestTopic;
 constexpr int kKeepaliveS = 60;
+constexpr auto kFlushLimit = std::chrono::seconds(2);  // for the releases owed at the end
 
 struct Options {
   std::string host = "127.0.0.1";
@@ -55,6 +67,7 @@ struct Options {
   double limit_s = 120;    // hard bound on the whole run
   std::string rtt_file;
   std::string prefix;
+  bool mix = false;  // a release after every answer
 };
 
 struct Totals {
@@ -66,6 +79,7 @@ struct Totals {
   long late = 0;        // answers that came after their request was given up
   long stray = 0;       // answers with no request waiting
   long mismatched = 0;  // answers whose request_topic is not the request's
+  long releases = 0;
   long results[5] = {};  // by result value; [0] anything else
   int errors = 0;
   std::vector<std::int64_t> rtt_ns;
@@ -85,6 +99,8 @@ struct Client {
   Clock::time_point sent_at;
   std::string topic;  // request_topic of the outstanding request
   int stale = 0;      // requests given up whose answer may still come
+  bool release_due = false;  // mix: the last acquire's topic is to be released
+  int unacked = 0;    // publishes without their PUBACK yet
   Totals* totals = nullptr;
 };
 
@@ -118,6 +134,8 @@ void on_subscribe(mosquitto* /*handle*/, void* self, int /*mid*/, int /*count*/,
   static_cast<Client*>(self)->subscribed = true;
 }
 
+void on_publish(mosquitto* /*handle*/, void* self, int /*mid*/) { --static_cast<Client*>(self)->unacked; }
+
 void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg) {
   const Clock::time_point now = Clock::now();
   auto* client = static_cast<Client*>(self);
@@ -136,6 +154,7 @@ void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg)
     return;
   }
   client->outstanding = false;
+  client->release_due = true;
   if (!client->measured) {
     return;
   }
@@ -145,7 +164,7 @@ void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg)
   ecu::lapi::com::Message frame;
   const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
   frame.payload.assign(bytes, bytes + msg->payloadlen);
-  const auto decoded = ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenResponse>().deserialize(frame);
+  const auto decoded = tokard::protocol::read<PgnRequestTokenResponse>(frame);
   const int result = decoded.ok ? decoded.value.result() : 0;
   ++totals.results[result >= 2 && result <= 4 ? result : 0];
   if (!decoded.ok || decoded.value.request_topic() != client->topic) {
@@ -153,30 +172,58 @@ void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg)
   }
 }
 
-bool send_request(Client& client, const Options& options, Clock::time_point measure_from) {
-  const std::uint64_t k = client.next++;
-  const std::uint64_t ecu = (k * static_cast<std::uint64_t>(options.clients) +
-                             static_cast<std::uint64_t>(client.index)) %
-                            static_cast<std::uint64_t>(options.ecus);
-  client.topic = "rt/ECU" + std::to_string(ecu);
-
-  PgnRequestTokenRequest request;
-  request.set_action(PgnRequestTokenRequest::ACQUIRE);
-  request.set_request_topic(client.topic);
-  request.set_client_name(client.name);
-  const auto [ok, frame] = ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenRequest>().serialize(request);
-  if (!ok) {
-    return false;
-  }
-
-  client.sent_at = Clock::now();
-  client.measured = client.sent_at >= measure_from;
+bool publish(Client& client, const tokard::protocol::Message& frame) {
   const int rc = mosquitto_publish(client.handle, nullptr, kRequestTopic,
                                    static_cast<int>(frame.payload.size()), frame.payload.data(), 1,
                                    false);
   if (rc != MOSQ_ERR_SUCCESS) {
     std::fprintf(stderr, "loadgen: %s cannot publish: %s\n", client.name.c_str(),
                  mosquitto_strerror(rc));
+    return false;
+  }
+  ++client.unacked;
+  return true;
+}
+
+// Mix mode: gives back the token of the last acquire, answered or given up.
+bool send_release(Client& client) {
+  if (!client.release_due) {
+    return true;
+  }
+  client.release_due = false;
+  const auto frame = tokard::protocol::request_frame(PgnRequestTokenRequest::RELEASE, client.topic, client.name);
+  if (frame.payload.empty() || !publish(client, frame)) {
+    return false;
+  }
+  ++client.totals->releases;
+  return true;
+}
+
+std::uint64_t ecu_of(const Client& client, const Options& options, std::uint64_t k) {
+  const auto clients = static_cast<std::uint64_t>(options.clients);
+  const auto index = static_cast<std::uint64_t>(client.index);
+  const auto ecus = static_cast<std::uint64_t>(options.ecus);
+  if (options.mix) {
+    return (k % std::max<std::uint64_t>(1, ecus / clients)) * clients + index;
+  }
+  return (k * clients + index) % ecus;
+}
+
+bool send_request(Client& client, const Options& options, Clock::time_point measure_from) {
+  if (options.mix && !send_release(client)) {
+    return false;
+  }
+  const std::uint64_t k = client.next++;
+  client.topic = std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(ecu_of(client, options, k));
+
+  const auto frame = tokard::protocol::request_frame(PgnRequestTokenRequest::ACQUIRE, client.topic, client.name);
+  if (frame.payload.empty()) {
+    return false;
+  }
+
+  client.sent_at = Clock::now();
+  client.measured = client.sent_at >= measure_from;
+  if (!publish(client, frame)) {
     return false;
   }
   client.outstanding = true;
@@ -236,7 +283,8 @@ double percentile_us(const std::vector<std::int64_t>& sorted, double q) {
 void usage(const char* self) {
   std::fprintf(stderr,
                "usage: %s [-h host] [-p port] [-c clients] [-e ecus] (-n requests | -d seconds)\n"
-               "          [-w warmup_ms] [-t timeout_ms] [-T limit_s] [-o rtt_file] [-x name_prefix]\n"
+               "          [-m acquire|mix] [-w warmup_ms] [-t timeout_ms] [-T limit_s]\n"
+               "          [-o rtt_file] [-x name_prefix]\n"
                "       %s -P\n",
                self, self);
 }
@@ -247,7 +295,7 @@ int main(int argc, char** argv) {
   Options options;
   options.prefix = "lg" + std::to_string(getpid()) + "c";
   int opt = 0;
-  while ((opt = getopt(argc, argv, "h:p:c:e:n:d:w:t:T:o:x:P")) != -1) {
+  while ((opt = getopt(argc, argv, "h:p:c:e:n:d:m:w:t:T:o:x:PG:")) != -1) {
     switch (opt) {
       case 'h': options.host = optarg; break;
       case 'p': options.port = std::atoi(optarg); break;
@@ -255,11 +303,24 @@ int main(int argc, char** argv) {
       case 'e': options.ecus = std::atoi(optarg); break;
       case 'n': options.requests = std::atol(optarg); break;
       case 'd': options.seconds = std::atof(optarg); break;
+      case 'm':
+        if (std::strcmp(optarg, "mix") != 0 && std::strcmp(optarg, "acquire") != 0) {
+          usage(argv[0]);
+          return 2;
+        }
+        options.mix = std::strcmp(optarg, "mix") == 0;
+        break;
       case 'w': options.warmup_ms = std::atol(optarg); break;
       case 't': options.timeout_ms = std::atol(optarg); break;
       case 'T': options.limit_s = std::atof(optarg); break;
       case 'o': options.rtt_file = optarg; break;
       case 'x': options.prefix = optarg; break;
+      case 'G': {
+        const std::string bytes("\x05\x1a\x00\xff", 4);
+        const auto frame = tokard::protocol::group_frame(
+            "EngineState", {{"Speed", bytes, static_cast<std::uint32_t>(std::atol(optarg))}, {"Torque", bytes, 0}});
+        return std::fwrite(frame.payload.data(), 1, frame.payload.size(), stdout) == frame.payload.size() ? 0 : 2;
+      }
       case 'P': {
         const int port = free_port();
         std::printf("%d\n", port);
@@ -285,7 +346,7 @@ int main(int argc, char** argv) {
     Client& client = clients[static_cast<std::size_t>(i)];
     client.index = i;
     client.name = options.prefix + std::to_string(i);
-    client.response_topic = "app/" + client.name + "/pgn/response";
+    client.response_topic = tokard::protocol::response_topic(client.name);
     client.totals = &totals;
     client.quota = count_mode ? options.requests / options.clients +
                                     (i < options.requests % options.clients ? 1 : 0)
@@ -300,6 +361,7 @@ int main(int argc, char** argv) {
     mosquitto_int_option(client.handle, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_callback_set(client.handle, on_connect);
     mosquitto_subscribe_callback_set(client.handle, on_subscribe);
+    mosquitto_publish_callback_set(client.handle, on_publish);
     mosquitto_message_callback_set(client.handle, on_message);
     const int rc = mosquitto_connect(client.handle, options.host.c_str(), options.port, kKeepaliveS);
     if (rc != MOSQ_ERR_SUCCESS) {
@@ -336,6 +398,7 @@ int main(int argc, char** argv) {
     for (Client& client : clients) {
       if (client.outstanding && now - client.sent_at > timeout) {
         client.outstanding = false;
+        client.release_due = true;
         ++client.stale;
         ++(client.measured ? totals.lost : totals.warmup_lost);
       }
@@ -375,6 +438,30 @@ int main(int argc, char** argv) {
   }
   const Clock::time_point end = Clock::now();
 
+  // No token is left held for the next run: the releases owed go out and are
+  // acknowledged (bounded) before the clients disconnect.
+  if (options.mix && !aborted) {
+    for (Client& client : clients) {
+      if (!client.failed && !send_release(client)) {
+        ++totals.errors;
+      }
+    }
+  }
+  const Clock::time_point flush_until = Clock::now() + kFlushLimit;
+  auto flushed = [&clients] {
+    return std::all_of(clients.begin(), clients.end(), [](const Client& c) {
+      return c.failed || (c.unacked <= 0 && !mosquitto_want_write(c.handle));
+    });
+  };
+  while (!aborted && !flushed()) {
+    if (Clock::now() > flush_until || !pump(clients, fds, 10)) {
+      std::fprintf(stderr, "loadgen: publishes not acknowledged within %lld s\n",
+                   static_cast<long long>(kFlushLimit.count()));
+      ++totals.errors;
+      break;
+    }
+  }
+
   for (Client& client : clients) {
     mosquitto_disconnect(client.handle);
     mosquitto_destroy(client.handle);
@@ -398,8 +485,9 @@ int main(int argc, char** argv) {
     }
   }
 
-  std::printf("loadgen: %d clients, %d ECUs, broker %s:%d%s\n", options.clients, options.ecus,
-              options.host.c_str(), options.port, aborted ? ", ABORTED" : "");
+  std::printf("loadgen: %d clients, %d ECUs, broker %s:%d, %s mode%s\n", options.clients, options.ecus,
+              options.host.c_str(), options.port, options.mix ? "mix" : "acquire",
+              aborted ? ", ABORTED" : "");
   std::printf("requests    %ld (warm-up %ld more, %ld of them lost)\n", totals.requests,
               totals.warmup_sent, totals.warmup_lost);
   std::printf("answered    %ld\n", totals.answered);
@@ -411,13 +499,14 @@ int main(int argc, char** argv) {
   std::printf("results     ACQUIRED %ld  BUSY %ld  NO_ECU %ld  other %ld  (request_topic not echoed: %ld)\n",
               totals.results[3], totals.results[4], totals.results[2], totals.results[0],
               totals.mismatched);
+  std::printf("releases    %ld\n", totals.releases);
   std::printf(
       "RESULT clients=%d ecus=%d requests=%ld answered=%ld lost=%ld lost_total=%ld rate=%.1f "
       "p50_us=%.1f p90_us=%.1f p99_us=%.1f max_us=%.1f acquired=%ld busy=%ld no_ecu=%ld other=%ld "
-      "mismatched=%ld errors=%d aborted=%d\n",
+      "mismatched=%ld releases=%ld errors=%d aborted=%d\n",
       options.clients, options.ecus, totals.requests, totals.answered, totals.lost,
       totals.lost + totals.warmup_lost, rate, p50, p90, p99, max, totals.results[3],
-      totals.results[4], totals.results[2], totals.results[0], totals.mismatched, totals.errors,
-      aborted ? 1 : 0);
+      totals.results[4], totals.results[2], totals.results[0], totals.mismatched, totals.releases,
+      totals.errors, aborted ? 1 : 0);
   return totals.errors > 0 ? 2 : 0;
 }

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "com/message_adapter.h"
+#include "com/protocol.h"
 #include "ecu/ecu.h"
 #include "ecu/ecu_container.h"
 #include "ecu/pb/pgn.pb.h"
@@ -33,8 +33,10 @@ using ecu::lapi::com::PbInternalMessageAdapter;
 using ecu::lapi::pb::PgnRequestTokenRequest;
 using ecu::lapi::pb::PgnRequestTokenResponse;
 
-constexpr const char* kRequestTopic = "system/tokard/request";
-constexpr const char* kEcuTopic = "rt/ECU1";
+using tokard::protocol::kRequestTopic;
+const std::string kEcuTopic = std::string(tokard::protocol::kRtPrefix) + "ECU1";
+// An ECU topic for the i-th ECU.
+std::string ecu_topic(std::size_t i) { return std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(i); }
 constexpr const char* kGroupJson =
     R"({"groups": [{"topic": "rt/ECU1", "name": "EngineState", "signals": ["Speed"]}]})";
 
@@ -55,7 +57,7 @@ PgnRequestTokenResponse acquired_response() {
 
 template <typename T>
 Message frame_of(const T& body) {
-  return PbInternalMessageAdapter<T>().serialize(body).second;
+  return tokard::protocol::frame(body);
 }
 
 // Publishes go nowhere, so that a long run does not pile them up.
@@ -200,7 +202,7 @@ BENCHMARK(BM_AcquireRefusedRequestActive);
 // --- topics and the container ----------------------------------------------
 
 void BM_TopicParse(benchmark::State& state) {
-  const std::string topic = state.range(0) == 0 ? "rt/ECU1" : "rt/bus0/segment/ECU12345";
+  const std::string topic = state.range(0) == 0 ? kEcuTopic : std::string(tokard::protocol::kRtPrefix) + "bus0/segment/ECU12345";
   for (auto _ : state) {
     auto outcome = tokard::utils::ecu_from_topic(topic);
     benchmark::DoNotOptimize(outcome);
@@ -213,9 +215,9 @@ void BM_ContainerLookupKnown(benchmark::State& state) {
   auto transport = std::make_shared<tokard::test::FakeTransportClient>();
   tokard::EcuContainer container(transport);
   for (std::int64_t i = 0; i < state.range(0); ++i) {
-    (void)container.ecu_from_topic("rt/ECU" + std::to_string(i));
+    (void)container.ecu_from_topic(ecu_topic(i));
   }
-  const std::string topic = "rt/ECU" + std::to_string(state.range(0) / 2);
+  const std::string topic = ecu_topic(static_cast<std::size_t>(state.range(0) / 2));
   for (auto _ : state) {
     auto ecu = container.ecu_from_topic(topic);
     benchmark::DoNotOptimize(ecu);
@@ -232,9 +234,9 @@ void BM_HandlerAcquire(benchmark::State& state) {
   auto transport = std::make_shared<CountingTransport>();
   tokard::RequestHandler handler(transport);
   for (std::int64_t i = 0; i < state.range(0); ++i) {
-    handler.message(kRequestTopic, frame_of(acquire_request("rt/ECU" + std::to_string(i), "app1")));
+    handler.message(kRequestTopic, frame_of(acquire_request(ecu_topic(i), "app1")));
   }
-  const std::string topic = "rt/ECU" + std::to_string(state.range(0) / 2);
+  const std::string topic = ecu_topic(static_cast<std::size_t>(state.range(0) / 2));
   const Message msg = frame_of(acquire_request(topic, "app1"));
   for (auto _ : state) {
     handler.message(kRequestTopic, msg);

@@ -23,120 +23,34 @@
 #include <thread>
 #include <vector>
 
+#include "com/protocol.h"
+
 namespace {
 
-constexpr const char* kRequestTopic = "system/tokard/request";
-constexpr std::size_t kHeaderSize = 18;
+using tokard::protocol::kRequestTopic;
 constexpr int kLoopTimeoutMs = 100;  // as tokard's transport
 
 std::atomic<bool> g_running{true};
 
 void on_signal(int /*sig*/) { g_running = false; }
 
-void put_le64(std::vector<std::uint8_t>& out, std::uint64_t value) {
-  for (int i = 0; i < 8; ++i) {
-    out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-  }
-}
-
-std::uint64_t get_le64(const std::uint8_t* p) {
-  std::uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) {
-    value = (value << 8) | p[i];
-  }
-  return value;
-}
-
-// Encoded by hand so that the floor carries no protobuf runtime:
-// SREHeader{fixed64 length_word = 1, fixed64 timestamp_ns = 2}, then
-// PgnRequestTokenResponse{result = 1: ACQUIRED (3), request_topic = 2}.
+// What tokard answers every acquire with, built once.
 std::vector<std::uint8_t> fixed_response() {
-  const std::string topic = "rt/ECU0";
-  std::vector<std::uint8_t> body{0x08, 0x03, 0x12, static_cast<std::uint8_t>(topic.size())};
-  body.insert(body.end(), topic.begin(), topic.end());
-
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  const std::uint64_t now_ns =
-      static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
-  const std::uint64_t length_word = 1 | (kHeaderSize << 16) | (std::uint64_t{body.size()} << 32);
-
-  std::vector<std::uint8_t> frame{0x09};
-  put_le64(frame, length_word);
-  frame.push_back(0x11);
-  put_le64(frame, now_ns);
-  frame.insert(frame.end(), body.begin(), body.end());
-  return frame;
+  const std::string topic = std::string(tokard::protocol::kRtPrefix) + "ECU0";
+  return tokard::protocol::response_frame(tokard::protocol::Response::ACQUIRED, topic).payload;
 }
 
-bool read_varint(const std::uint8_t*& p, const std::uint8_t* end, std::uint64_t& value) {
-  value = 0;
-  for (int shift = 0; p < end && shift < 64; shift += 7) {
-    const std::uint8_t byte = *p++;
-    value |= std::uint64_t{byte & 0x7Fu} << shift;
-    if ((byte & 0x80u) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// client_name (field 3) of a framed PgnRequestTokenRequest; empty when the
-// frame is not one or names nobody.
-std::string_view client_name(const std::uint8_t* payload, std::size_t size) {
-  if (size < kHeaderSize || payload[0] != 0x09) {
-    return {};
-  }
-  const std::uint64_t body_size = get_le64(payload + 1) >> 32;
-  if (body_size > size - kHeaderSize) {
-    return {};
-  }
-  const std::uint8_t* p = payload + kHeaderSize;
-  const std::uint8_t* const end = p + body_size;
-  std::string_view name;
-  while (p < end) {
-    std::uint64_t key = 0;
-    std::uint64_t value = 0;
-    if (!read_varint(p, end, key)) {
-      return {};
-    }
-    switch (key & 7u) {
-      case 0:
-        if (!read_varint(p, end, value)) {
-          return {};
-        }
-        break;
-      case 1:
-        if (end - p < 8) {
-          return {};
-        }
-        p += 8;
-        break;
-      case 2:
-        if (!read_varint(p, end, value) || value > static_cast<std::uint64_t>(end - p)) {
-          return {};
-        }
-        if ((key >> 3) == 3) {
-          name = std::string_view(reinterpret_cast<const char*>(p), value);
-        }
-        p += value;
-        break;
-      case 5:
-        if (end - p < 4) {
-          return {};
-        }
-        p += 4;
-        break;
-      default:
-        return {};
-    }
-  }
-  return name;
+// The client a framed request names; empty when the frame is not one or
+// names nobody.
+std::string client_name(const std::uint8_t* payload, std::size_t size) {
+  tokard::protocol::Message msg;
+  msg.payload.assign(payload, payload + size);
+  const auto request = tokard::protocol::read<tokard::protocol::Request>(msg);
+  return request.ok ? request.value.client_name() : std::string();
 }
 
 struct Responder {
   std::vector<std::uint8_t> frame = fixed_response();
-  std::string topic;  // reused for every answer
 };
 
 void on_connect(mosquitto* handle, void* /*self*/, int rc) {
@@ -155,15 +69,12 @@ void on_subscribe(mosquitto* /*handle*/, void* /*self*/, int /*mid*/, int /*coun
 
 void on_message(mosquitto* handle, void* self, const mosquitto_message* msg) {
   auto* responder = static_cast<Responder*>(self);
-  const std::string_view name =
+  const std::string name =
       client_name(static_cast<const std::uint8_t*>(msg->payload), static_cast<std::size_t>(msg->payloadlen));
   if (name.empty()) {
     return;
   }
-  std::string& topic = responder->topic;
-  topic.assign("app/");
-  topic.append(name);
-  topic.append("/pgn/response");
+  const std::string topic = tokard::protocol::response_topic(name);
   mosquitto_publish(handle, nullptr, topic.c_str(), static_cast<int>(responder->frame.size()),
                     responder->frame.data(), 1, false);
 }

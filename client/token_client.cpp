@@ -12,8 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "com/message_adapter.h"
-#include "ecu/pb/pgn.pb.h"
+#include "com/protocol.h"
 #include "lapi/com/transport.h"
 #include "lapi/config/configuration.h"
 
@@ -23,14 +22,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using ecu::lapi::com::ITransportClient;
 using ecu::lapi::com::Message;
-using ecu::lapi::com::PbInternalMessageAdapter;
 using ecu::lapi::pb::PgnRequestTokenRequest;
 using ecu::lapi::pb::PgnRequestTokenResponse;
 
-constexpr const char* kRequestTopic = "system/tokard/request";
+using protocol::kRequestTopic;
 constexpr std::chrono::milliseconds kFirstPause{100};
 constexpr std::chrono::milliseconds kLongestPause{2000};
 constexpr std::chrono::milliseconds kConnectPoll{10};
+constexpr std::chrono::milliseconds kOfflineGrace{300};
 
 class ClientCategory : public std::error_category {
  public:
@@ -96,6 +95,18 @@ const char* to_string(AcquireResult result) noexcept {
   return "unknown";
 }
 
+const char* to_string(TokardState state) noexcept {
+  switch (state) {
+    case TokardState::Online:
+      return "online";
+    case TokardState::Offline:
+      return "offline";
+    case TokardState::Unknown:
+      break;
+  }
+  return "unknown";
+}
+
 const std::error_category& client_category() noexcept {
   static const ClientCategory category;
   return category;
@@ -113,7 +124,7 @@ class TokenClient::Impl {
  public:
   explicit Impl(ClientOptions options)
       : m_options(std::move(options)),
-        m_response_topic("app/" + m_options.client_name + "/pgn/response") {}
+        m_response_topic(protocol::response_topic(m_options.client_name)) {}
 
   virtual ~Impl() {
     interrupt();
@@ -131,6 +142,7 @@ class TokenClient::Impl {
         }
       }
       m_transport->unsubscribe(m_response_topic, m_observer);
+      m_transport->unsubscribe(protocol::kStateTopic, m_observer);
       m_transport->stop();
       // The last reference: the client writes what is queued, the releases
       // included, before it closes the connection.
@@ -158,6 +170,8 @@ class TokenClient::Impl {
     config->set("client_name", m_options.mqtt_client_id.empty()
                                    ? unique_mqtt_id(m_options.client_name)
                                    : m_options.mqtt_client_id);
+    config->set("username", m_options.username);
+    config->set("password", m_options.password);
     auto transport = ecu::lapi::com::create_client(config, ecu::lapi::com::INTERNAL_MQTT);
     if (!transport) {
       return ClientError::InvalidBroker;
@@ -168,6 +182,7 @@ class TokenClient::Impl {
     if (!transport->subscribe(m_response_topic, 1, m_observer)) {
       return ClientError::InvalidClientName;
     }
+    transport->subscribe(protocol::kStateTopic, 1, m_observer);
     if (!transport->connect()) {
       return ClientError::InvalidBroker;
     }
@@ -194,6 +209,7 @@ class TokenClient::Impl {
       return AcquireResult::NoAnswer;
     }
     std::uint64_t asked_at = 0;
+    const auto asked = Clock::now();
     {
       std::lock_guard<std::mutex> send(m_send_mutex);
       {
@@ -204,10 +220,18 @@ class TokenClient::Impl {
       send_request(PgnRequestTokenRequest::ACQUIRE, topic);
     }
     std::unique_lock<std::mutex> lock(m_mutex);
-    const bool answered = m_answered.wait_for(lock, timeout, [&] {
+    const auto done = [&] {
       const auto it = m_answers.find(topic);
       return m_interrupted || (it != m_answers.end() && it->second.number > asked_at);
-    });
+    };
+    // While tokard says it is offline (also when that arrives meanwhile), it
+    // gets a moment to come back, not the whole time-out.
+    bool answered = done();
+    for (auto limit = asked + timeout; !answered && Clock::now() < limit;
+         answered = done()) {
+      limit = asked + (m_state == TokardState::Offline ? std::min(timeout, kOfflineGrace) : timeout);
+      m_answered.wait_until(lock, limit);
+    }
     if (--m_pending[topic] == 0) {
       m_pending.erase(topic);
     }
@@ -283,13 +307,18 @@ class TokenClient::Impl {
   }
 
   const ClientOptions& options() const { return m_options; }
+  TokardState tokard_state() const { return m_state; }
 
  private:
   class Observer : public ecu::lapi::com::ISubscriptionObserver {
    public:
     explicit Observer(Impl& owner) : m_owner(owner) {}
-    void message(const std::string& /*topic*/, const Message& msg) override {
-      m_owner.response(msg);
+    void message(const std::string& topic, const Message& msg) override {
+      if (topic == protocol::kStateTopic) {
+        m_owner.state(msg);
+      } else {
+        m_owner.response(msg);
+      }
     }
 
    private:
@@ -309,12 +338,8 @@ class TokenClient::Impl {
   };
 
   bool send_request(PgnRequestTokenRequest::Action action, const std::string& topic) {
-    PgnRequestTokenRequest request;
-    request.set_action(action);
-    request.set_request_topic(topic);
-    request.set_client_name(m_options.client_name);
-    auto [ok, msg] = PbInternalMessageAdapter<PgnRequestTokenRequest>().serialize(request);
-    if (!ok) {
+    Message msg = protocol::request_frame(action, topic, m_options.client_name);
+    if (msg.payload.empty()) {
       return false;
     }
     msg.qos = 1;
@@ -322,8 +347,20 @@ class TokenClient::Impl {
   }
 
   // On the delivery thread.
+  void state(const Message& msg) {
+    const std::string text(msg.payload.begin(), msg.payload.end());
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_state = text == protocol::kOnline    ? TokardState::Online
+                : text == protocol::kOffline ? TokardState::Offline
+                                             : TokardState::Unknown;
+    }
+    m_answered.notify_all();
+  }
+
+  // On the delivery thread.
   void response(const Message& msg) {
-    auto decoded = PbInternalMessageAdapter<PgnRequestTokenResponse>().deserialize(msg);
+    auto decoded = protocol::read<PgnRequestTokenResponse>(msg);
     AcquireResult result = AcquireResult::NoAnswer;
     if (!decoded.ok || !decoded.value.has_request_topic() || !answer_of(decoded.value, result)) {
       return;
@@ -452,6 +489,7 @@ class TokenClient::Impl {
   std::vector<Lost> m_lost;  // to report on the refresh thread
   LostHandler m_lost_handler;
   std::atomic<bool> m_interrupted{false};
+  std::atomic<TokardState> m_state{TokardState::Unknown};
   bool m_stopping = false;
   std::thread m_refresh_thread;
 };
@@ -489,5 +527,7 @@ void TokenClient::on_token_lost(LostHandler handler) {
 void TokenClient::interrupt() { m_impl->interrupt(); }
 
 const std::string& TokenClient::client_name() const { return m_impl->options().client_name; }
+
+TokardState TokenClient::tokard_state() const { return m_impl->tokard_state(); }
 
 }  // namespace tokard::client

@@ -10,7 +10,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tokard)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(TOKARD_DEB_MAINTAINER "tokard maintainers <tokard@localhost>" CACHE STRING
+set(TOKARD_DEB_MAINTAINER "tokard maintainers <tokard@example.org>" CACHE STRING
   "Maintainer field of the Debian packages")
 set(CPACK_PACKAGE_CONTACT "${TOKARD_DEB_MAINTAINER}")
 # First line the summary; each package has its own.
@@ -53,16 +53,20 @@ set(${main}_PACKAGE_RECOMMENDS mosquitto)
 # names against their NEEDED entries). The versions are those of Debian 12,
 # which the controller runs and the sysroot is made of.
 # With the protobuf runtime linked in statically, the package needs no protobuf library.
-if(TOKARD_STATIC_PROTOBUF)
-  set(TOKARD_DEB_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6), libstdc++6 (>= 12)")
-else()
-  set(TOKARD_DEB_DEPENDS
-    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6), libprotobuf32 (>= 3.21.12), libstdc++6 (>= 12)")
+set(TOKARD_DEB_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libmosquitto1 (>= 1.6)")
+if(NOT TOKARD_STATIC_PROTOBUF)
+  string(APPEND TOKARD_DEB_DEPENDS ", libprotobuf32 (>= 3.21.12)")
 endif()
+string(APPEND TOKARD_DEB_DEPENDS ", libstdc++6 (>= 12)")
+if(TOKARD_SYSTEMD)
+  string(APPEND TOKARD_DEB_DEPENDS ", libsystemd0 (>= 252)")
+endif()
+# postinst creates the system user with adduser.
 find_program(TOKARD_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(CMAKE_CROSSCOMPILING OR NOT TOKARD_DPKG_SHLIBDEPS)
-  set(${main}_PACKAGE_DEPENDS "${TOKARD_DEB_DEPENDS}")
+  set(${main}_PACKAGE_DEPENDS "adduser, ${TOKARD_DEB_DEPENDS}")
 else()
+  set(${main}_PACKAGE_DEPENDS "adduser")
   set(${main}_PACKAGE_SHLIBDEPS ON)
 endif()
 
@@ -77,6 +81,64 @@ set(${main}_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/deb/postinst
   ${PROJECT_SOURCE_DIR}/packaging/deb/prerm
   ${PROJECT_SOURCE_DIR}/packaging/deb/postrm)
+
+# What Debian wants beside the programs, in each package: the copyright
+# file, the changelog (gzip -9n, as for a native package) and, in tokard, the
+# manual pages.
+set(deb_docs ${CMAKE_CURRENT_BINARY_DIR}/deb/doc)
+file(STRINGS ${PROJECT_SOURCE_DIR}/packaging/deb/changelog changelog_head LIMIT_COUNT 1)
+if(NOT changelog_head MATCHES "^tokard \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "packaging/deb/changelog has no entry for ${PROJECT_VERSION} on top")
+endif()
+find_program(TOKARD_GZIP gzip REQUIRED)
+set(compressed_docs)
+foreach(doc packaging/deb/changelog docs/man/tokard.8 docs/man/tokctl.1)
+  get_filename_component(name ${doc} NAME)
+  add_custom_command(OUTPUT ${deb_docs}/${name}.gz
+    COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/${doc} ${deb_docs}/${name}
+    COMMAND ${TOKARD_GZIP} -9nf ${deb_docs}/${name}
+    DEPENDS ${PROJECT_SOURCE_DIR}/${doc} VERBATIM)
+  list(APPEND compressed_docs ${deb_docs}/${name}.gz)
+endforeach()
+add_custom_target(tokard_docs ALL DEPENDS ${compressed_docs})
+install(FILES ${deb_docs}/tokard.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${deb_docs}/tokctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+foreach(package tokard tokard-dev)
+  if(package STREQUAL tokard)
+    set(component Unspecified)
+  else()
+    set(component dev)
+  endif()
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/deb/copyright
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
+  install(FILES ${deb_docs}/changelog.gz
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
+endforeach()
+
+# `cmake --install --strip` (CPACK_STRIP_FILES) strips the programs' symbols
+# and debug information only. What Debian's dh_strip removes besides: the
+# compiler's .comment notes, and from the archive also the link-time
+# optimisation code of its fat objects (its users link the plain code).
+set(dh_strip_extra --remove-section=.comment --remove-section=.note)
+set(lto_sections --remove-section=.gnu.lto_* --remove-section=.gnu.debuglto_*
+  --strip-symbol=__gnu_lto_slim --strip-symbol=__gnu_lto_v1)
+function(tokard_install_strip component file)
+  string(REPLACE ";" " " options "${ARGN}")
+  install(CODE "
+    if(CMAKE_INSTALL_DO_STRIP)
+      execute_process(COMMAND \"${CMAKE_STRIP}\" ${options}
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${file}\" COMMAND_ERROR_IS_FATAL ANY)
+    endif()" COMPONENT ${component})
+endfunction()
+foreach(program tokard tokctl)
+  tokard_install_strip(Unspecified ${CMAKE_INSTALL_BINDIR}/${program} ${dh_strip_extra})
+endforeach()
+tokard_install_strip(dev ${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:tokard_client>
+  --strip-debug ${dh_strip_extra} ${lto_sections} --enable-deterministic-archives)
+
+# Informational lintian tags that stay, each with its reason.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/deb/lintian-overrides
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME tokard)
 
 # The client library is a static archive: its users link libmosquitto and
 # libprotobuf themselves.

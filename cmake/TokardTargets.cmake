@@ -18,11 +18,17 @@ if(TOKARD_TSAN)
   add_link_options(-fsanitize=thread)
 endif()
 
-# One static library per folder: tokard_add_library(name SOURCES ... DEPS ...)
+# One static library per folder: tokard_add_library(name SOURCES ... DEPS ...
+# [INCLUDE dir]). A target exports only its own include root: the platform
+# layer's is the source root ("lapi/com/transport.h"), the service's is src/
+# ("ecu/ecu.h"), so the platform layer cannot reach the service's headers.
 function(tokard_add_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "INCLUDE" "SOURCES;DEPS" ${ARGN})
+  if(NOT ARG_INCLUDE)
+    set(ARG_INCLUDE ${PROJECT_SOURCE_DIR}/src)
+  endif()
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
+  target_include_directories(${name} PUBLIC ${ARG_INCLUDE})
   target_link_libraries(${name} PUBLIC ${ARG_DEPS})
   tokard_target_settings(${name})
 endfunction()

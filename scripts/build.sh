@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Configures and builds into build/ (extra arguments go to cmake).
+# Configures with a preset of CMakePresets.json and builds it (default preset:
+# "default", into build/). Usage: scripts/build.sh [PRESET] [CMAKE ARGS...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
-cmake --build build -j"$(nproc)"
+preset="${1:-default}"
+shift || true
+cmake --preset "$preset" "$@"
+cmake --build --preset "$preset"

@@ -3,13 +3,16 @@
 # Usage: scripts/deps.sh run|test|bench
 set -euo pipefail
 
-packages=(g++ make cmake pkg-config git mosquitto libmosquitto-dev protobuf-compiler libprotobuf-dev
-          nlohmann-json3-dev)
+# mosquitto-clients: the README's example session talks to tokard with
+# mosquitto_sub and mosquitto_pub. libsystemd-dev: readiness and watchdog
+# notification (TOKARD_SYSTEMD).
+packages=(g++ make cmake pkg-config git mosquitto mosquitto-clients libmosquitto-dev protobuf-compiler
+          libprotobuf-dev libsystemd-dev nlohmann-json3-dev)
 if [ "${1:-run}" = test ]; then
   packages+=(libgtest-dev libgmock-dev googletest clang-14 libclang-rt-14-dev llvm-14)
 fi
 if [ "${1:-run}" = bench ]; then
-  packages+=(libbenchmark-dev valgrind gnuplot-nox mosquitto-clients)
+  packages+=(libbenchmark-dev valgrind gnuplot-nox)
 fi
 
 missing=()

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang into build-fuzz (AddressSanitizer +
 # UndefinedBehaviorSanitizer, the libraries instrumented as well) and runs
-# each one for SECONDS (default 30) from a scratch copy of its seed corpus.
+# each one for SECONDS (default 30) from an empty corpus and its dictionary.
 # Any crash, leak, time-out or failed check fails the script; the input that
 # caused it is kept in build-fuzz/fuzz/artifacts/.
 # Usage: scripts/fuzz.sh [SECONDS] [TARGET...]
@@ -14,17 +14,14 @@ build=build-fuzz
 
 # Longest input per target, and its dictionary under fuzz/dict/.
 declare -A max_len=(
-  [fuzz_frame_request]=4096 [fuzz_frame_rt]=4096 [fuzz_request_handler]=8192
-  [fuzz_signal_unpack]=4096 [fuzz_topic]=1024 [fuzz_config]=4096
+  [fuzz_request]=8192 [fuzz_rt]=4096 [fuzz_topic]=1024 [fuzz_config]=4096
   [fuzz_signal_definitions]=4096)
 declare -A dict=(
-  [fuzz_frame_request]=frame [fuzz_frame_rt]=frame [fuzz_request_handler]=request_handler
-  [fuzz_signal_unpack]=signal_unpack [fuzz_topic]=topic [fuzz_config]=config
+  [fuzz_request]=request [fuzz_rt]=rt [fuzz_topic]=topic [fuzz_config]=config
   [fuzz_signal_definitions]=signal_definitions)
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(fuzz_frame_request fuzz_frame_rt fuzz_request_handler fuzz_signal_unpack fuzz_topic
-           fuzz_config fuzz_signal_definitions)
+  targets=(fuzz_request fuzz_rt fuzz_topic fuzz_config fuzz_signal_definitions)
 fi
 
 # Debian's clang-14, libclang-rt-14-dev (libFuzzer, sanitizer runtimes) and
@@ -38,12 +35,9 @@ if [ -x /usr/bin/llvm-symbolizer-14 ]; then
   export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-14
 fi
 
-flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
-echo "== fuzz: build (${build})"
-cmake -S . -B "${build}" -DCMAKE_CXX_COMPILER="${compiler}" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_FLAGS="${flags}" -DTOKARD_BUILD_FUZZ=ON -DTOKARD_BUILD_TESTS=OFF \
-  -DTOKARD_WERROR=ON >/dev/null
-cmake --build "${build}" -j2 --target tokard_fuzz
+echo "== fuzz: build (${build}, preset fuzz)"
+cmake --preset fuzz -DCMAKE_CXX_COMPILER="${compiler}" >/dev/null
+cmake --build --preset fuzz --target tokard_fuzz
 
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
@@ -61,7 +55,7 @@ for target in "${targets[@]}"; do
     exit 2
   fi
   corpus="${work}/${target}"
-  cp -r "${build}/fuzz/corpus/${target}" "${corpus}"
+  mkdir -p "${corpus}"
   log="${work}/${target}.log"
   echo "== fuzz: ${target} for ${seconds} s"
   rc=0

@@ -8,7 +8,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 which="${1:-all}"
-jobs=2
 status=0
 
 # A report aborts the process, so the test fails instead of logging on.
@@ -17,23 +16,20 @@ export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
 run_suite() {
-  local name="$1" dir="$2" option="$3"
-  shift 3
-  echo "== ${name}: build (${dir})"
+  local name="$1" preset="$2"
+  shift 2
+  echo "== ${name}: build (preset ${preset})"
   local start=$SECONDS
   # GCC 12 reports uninitialised reads inside libstdc++'s <regex> once the
-  # sanitizers change its inlining (a known false positive); every other
-  # warning stays an error.
-  cmake -S . -B "${dir}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -D"${option}"=ON \
-    -DCMAKE_CXX_FLAGS="-Wno-maybe-uninitialized" -DTOKARD_WERROR=ON -DTOKARD_BUILD_TESTS=ON \
-    >/dev/null
-  if ! cmake --build "${dir}" -j"${jobs}"; then
+  # sanitizers change its inlining (a known false positive); the presets
+  # turn that one warning off, every other stays an error.
+  if ! { cmake --preset "${preset}" >/dev/null && cmake --build --preset "${preset}"; }; then
     echo "== ${name}: BUILD FAILED after $((SECONDS - start)) s"
     status=1
     return
   fi
   echo "== ${name}: tests"
-  if ctest --test-dir "${dir}" --output-on-failure --timeout 300 -j"${jobs}" "$@"; then
+  if ctest --preset "${preset}" "$@"; then
     echo "== ${name}: passed in $((SECONDS - start)) s"
   else
     echo "== ${name}: FAILED after $((SECONDS - start)) s"
@@ -42,9 +38,9 @@ run_suite() {
 }
 
 if [ "${which}" = all ] || [ "${which}" = asan ]; then
-  run_suite "ASan+UBSan" build-asan TOKARD_ASAN
+  run_suite "ASan+UBSan" asan
 fi
 if [ "${which}" = all ] || [ "${which}" = tsan ]; then
-  run_suite "TSan" build-tsan TOKARD_TSAN -L "unit|integration"
+  run_suite "TSan" tsan -L "unit|integration"
 fi
 exit "${status}"

@@ -16,6 +16,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh bench
 root=$(pwd)
+source scripts/lib/broker.sh
+source scripts/lib/session.sh
 
 BUILD_DIR=${BUILD_DIR:-build-faults}
 REQUESTS=${REQUESTS:-100000}
@@ -39,62 +41,29 @@ fi
 
 # The load generator is bench/loadgen, built with the benchmarks.
 if ! grep -qs '^TOKARD_BUILD_BENCH:BOOL=ON' "$BUILD_DIR/CMakeCache.txt"; then
-  cmake -S . -B "$BUILD_DIR" -DTOKARD_BUILD_BENCH=ON >/dev/null
+  cmake --preset bench -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 cmake --build "$BUILD_DIR" -j2 --target tokard tokard_loadgen >/dev/null
 TOKARD=$root/$BUILD_DIR/src/main/tokard
 LOADGEN=$root/$BUILD_DIR/bench/loadgen
 
-work=$(mktemp -d /tmp/tokard-soak.XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-say() { printf '%s\n' "$*"; }
-field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<"$2"; }
-rss_kib() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status"; }
+session_start soak
 hwm_kib() { awk '/^VmHWM:/ {print $2}' "/proc/$1/status"; }
 now_ms() { date +%s%3N; }
 
-# Signal groups for rt/ECU1 as the gateway frames them: an 18-byte header
-# (body length 48), then EngineState with Speed and Torque, status 0 (valid,
-# the ECU is busy) or 3 (not valid, its token is freed).
+# Signal groups for rt/ECU1 as the gateway frames them: EngineState with
+# Speed and Torque, status 0 (valid, the ECU is busy) or 3 (not valid, its
+# token is freed).
 cat >"$work/rt_signals.json" <<'EOF'
 {"groups": [{"topic": "rt/ECU1", "name": "EngineState", "signals": ["Speed", "Torque"]}]}
 EOF
-group_frame() {
-  printf '\x09\x01\x00\x12\x00\x30\x00\x00\x00\x11\x00\x00\x00\x00\x00\x00\x00\x00'
-  printf '\x0a\x0bEngineState'
-  printf '\x12\x0f\x0a\x05Speed\x12\x04\x05\x1a\x00\xff\x18'
-  printf "\\x0$1"
-  printf '\x12\x10\x0a\x06Torque\x12\x04\x05\x1a\x00\xff\x18\x00'
-}
-group_frame 0 >"$work/valid.bin"
-group_frame 3 >"$work/invalid.bin"
+"$LOADGEN" -G 0 >"$work/valid.bin"
+"$LOADGEN" -G 3 >"$work/invalid.bin"
 
 port=$("$LOADGEN" -P)
-cat >"$work/mosquitto.conf" <<EOF
-listener $port 127.0.0.1
-allow_anonymous true
-set_tcp_nodelay true
-persistence false
-EOF
 start_broker() {
-  mosquitto -c "$work/mosquitto.conf" >>"$work/broker.log" 2>&1 &
-  broker_pid=$!
-  pids+=($broker_pid)
-  for _ in $(seq 100); do
-    (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && return 0
-    sleep 0.05
-  done
-  echo "soak: mosquitto did not start on port $port" >&2
-  exit 1
+  broker_start "$port" "$work/broker.log" || exit 1
+  pids+=("$broker_pid")
 }
 start_broker
 

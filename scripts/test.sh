@@ -4,8 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh test
-scripts/build.sh -DTOKARD_WERROR=ON -DTOKARD_BUILD_TESTS=ON
-ctest --test-dir build --output-on-failure --timeout 300 -j2
+scripts/build.sh test
+ctest --preset test
 
 # Sanitizer builds and a bounded fuzzing pass (about 15 minutes on 2 cores):
 # always in CI, on request elsewhere.

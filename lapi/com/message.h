@@ -21,6 +21,8 @@ class Message {
   std::uint64_t timestamp_ns = 0;  // nanoseconds since boot
   bool timestamp_set = false;
   std::vector<std::uint8_t> payload;
+  // Published as the topic's retained message (MQTT 3.1.1, 3.3.1.3); false
+  // on every delivered message.
   bool extra_flag = false;
 };
 

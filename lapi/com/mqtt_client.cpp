@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <system_error>
 
@@ -76,14 +77,47 @@ MqttClient::MqttClient(std::string host, int port, std::string client_id, MqttOp
   mosquitto_connect_callback_set(handle, &MqttClient::on_connect);
   mosquitto_disconnect_callback_set(handle, &MqttClient::on_disconnect);
   mosquitto_message_callback_set(handle, &MqttClient::on_message);
+  mosquitto_publish_callback_set(handle, &MqttClient::on_publish);
+  mosquitto_subscribe_callback_set(handle, &MqttClient::on_subscribe);
+  mosquitto_unsubscribe_callback_set(handle, &MqttClient::on_unsubscribe);
 }
 
 MqttClient::~MqttClient() {
   stop();
-  if (m_handle && mosquitto_socket(m_handle.get()) >= 0) {
-    // A clean DISCONNECT, so the broker does not log a dropped client.
-    mosquitto_disconnect(m_handle.get());
-    mosquitto_loop_write(m_handle.get(), 1);
+  flush_and_disconnect();
+}
+
+void MqttClient::flush_and_disconnect() {
+  mosquitto* handle = m_handle.get();
+  // Without a CONNACK there is no session to close: mosquitto_destroy just
+  // drops the socket, also one whose handshake never completed.
+  if (handle == nullptr || mosquitto_socket(handle) < 0 || !m_connected) {
+    return;
+  }
+  m_closing = true;
+  const auto deadline = std::chrono::steady_clock::now() + kFlushTimeout;
+  const auto left_ms = [deadline] {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    return static_cast<int>(std::clamp<long long>(left.count(), 0, kLoopTimeout.count()));
+  };
+  // Closing with an acknowledgement unread makes the kernel reset the
+  // connection, and the broker drops what it has not processed yet.
+  while (mosquitto_socket(handle) >= 0 && left_ms() > 0 &&
+         (!m_unacked_unsubscribes.empty() || !m_unacked_publishes.empty())) {
+    mosquitto_loop(handle, left_ms(), 1);
+  }
+  if (mosquitto_socket(handle) < 0) {
+    return;
+  }
+  // A clean DISCONNECT, so the broker does not log a dropped client;
+  // libmosquitto closes the socket once it is written.
+  mosquitto_disconnect(handle);
+  while (mosquitto_socket(handle) >= 0 && left_ms() > 0 &&
+         mosquitto_loop(handle, left_ms(), 1) == MOSQ_ERR_SUCCESS) {
+  }
+  if (mosquitto_socket(handle) >= 0) {
+    mosquitto_loop_write(handle, 1);
   }
 }
 
@@ -116,18 +150,26 @@ bool MqttClient::publish(const std::string& topic, const Message& msg) {
   } else {
     // mosquitto_publish checks the name (UTF-8, no wildcards) before it queues
     // anything; checking it here too cost a quarter of this function.
+    int mid = 0;
     {
       const auto no_connect = hold_off_connect();
-      rc = mosquitto_publish(m_handle.get(), nullptr, topic.c_str(),
-                             static_cast<int>(msg.payload.size()), msg.payload.data(), msg.qos,
-                             false);
+      // While a connect is under way libmosquitto would queue QoS 0 as well.
+      rc = msg.qos == 0 && !m_connected
+               ? MOSQ_ERR_NO_CONN
+               : mosquitto_publish(m_handle.get(), &mid, topic.c_str(),
+                                   static_cast<int>(msg.payload.size()), msg.payload.data(),
+                                   msg.qos, msg.extra_flag);
+    }
+    // libmosquitto keeps a QoS 1 or 2 message without a connection too, and
+    // sends it after the next connect.
+    const bool queued = rc == MOSQ_ERR_SUCCESS || (rc == MOSQ_ERR_NO_CONN && msg.qos > 0);
+    if (queued && msg.qos > 0) {
+      m_unacked_publishes.sent(mid);
     }
     if (rc == MOSQ_ERR_SUCCESS) {
       return true;
     }
-    // libmosquitto has queued a QoS 1 or 2 message all the same and sends it
-    // after the next connect.
-    if (rc == MOSQ_ERR_NO_CONN && msg.qos > 0) {
+    if (queued) {
       LAPI_LOG(DEBUG, g_log) << "publish on '" << topic << "' held until the broker is back";
       return true;
     }
@@ -192,8 +234,11 @@ bool MqttClient::unsubscribe(const std::string& topic, ObserverPtr observer) {
   m_topics.erase(it);
   m_wildcards.erase(std::remove(m_wildcards.begin(), m_wildcards.end(), topic), m_wildcards.end());
   if (m_connected) {
-    const int rc = mosquitto_unsubscribe(m_handle.get(), nullptr, topic.c_str());
-    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
+    int mid = 0;
+    const int rc = mosquitto_unsubscribe(m_handle.get(), &mid, topic.c_str());
+    if (rc == MOSQ_ERR_SUCCESS) {
+      m_unacked_unsubscribes.sent(mid);
+    } else if (rc != MOSQ_ERR_NO_CONN) {
       LAPI_LOG(WARNING, g_log) << "unsubscribe from '" << topic << "' not sent: " << reason(rc);
     }
   }
@@ -234,6 +279,21 @@ void MqttClient::stop() {
   m_running = false;
 }
 
+bool MqttClient::set_will(const std::string& topic, const Message& msg) {
+  int rc = MOSQ_ERR_INVAL;
+  if (m_handle && is_topic_name(topic) && msg.payload.size() <= kMaxPayload) {
+    const auto no_connect = hold_off_connect();
+    rc = mosquitto_will_set(m_handle.get(), topic.c_str(), static_cast<int>(msg.payload.size()),
+                            msg.payload.data(), msg.qos, msg.extra_flag);
+  }
+  if (rc != MOSQ_ERR_SUCCESS) {
+    LAPI_LOG(WARNING, g_log) << "will on '" << topic << "' refused: " << reason(rc);
+  }
+  return rc == MOSQ_ERR_SUCCESS;
+}
+
+void MqttClient::on_connected(std::function<void()> callback) { m_on_connected = std::move(callback); }
+
 void MqttClient::run() {
   m_loop_thread = std::this_thread::get_id();
   mosquitto* handle = m_handle.get();
@@ -241,6 +301,7 @@ void MqttClient::run() {
   while (!m_stop_requested) {
     const bool open = mosquitto_socket(handle) >= 0;
     if (!m_want_connection) {
+      m_lost_at = {};  // a deliberate disconnect is no outage
       if (!open) {
         pause(std::chrono::hours(1));
         continue;
@@ -274,7 +335,10 @@ bool MqttClient::attempt_connect() {
   std::string failure;
   {
     std::lock_guard<std::mutex> lock(m_socket_mutex);
-    const int rc = mosquitto_connect(m_handle.get(), m_host.c_str(), m_port, m_options.keepalive_s);
+    // Non-blocking: the TCP handshake completes in the network loop, which
+    // keeps noticing `stop` even when the broker never answers.
+    const int rc =
+        mosquitto_connect_async(m_handle.get(), m_host.c_str(), m_port, m_options.keepalive_s);
     if (rc == MOSQ_ERR_SUCCESS) {
       return true;
     }
@@ -344,6 +408,19 @@ void MqttClient::on_message(mosquitto* /*handle*/, void* self,
   }
 }
 
+void MqttClient::on_publish(mosquitto* /*handle*/, void* self, int mid) noexcept {
+  static_cast<MqttClient*>(self)->m_unacked_publishes.acknowledged(mid);
+}
+
+void MqttClient::on_subscribe(mosquitto* /*handle*/, void* self, int mid, int /*count*/,
+                              const int* /*granted*/) noexcept {
+  static_cast<MqttClient*>(self)->subscribed(mid);
+}
+
+void MqttClient::on_unsubscribe(mosquitto* /*handle*/, void* self, int mid) noexcept {
+  static_cast<MqttClient*>(self)->m_unacked_unsubscribes.acknowledged(mid);
+}
+
 void MqttClient::connected(int rc) {
   if (rc != 0) {
     m_refusal = std::string("refused by the broker: ") + mosquitto_connack_string(rc);
@@ -362,20 +439,56 @@ void MqttClient::connected(int rc) {
     count = m_topics.size();
     m_connected = true;
   }
+  if (m_lost_at != std::chrono::steady_clock::time_point{}) {
+    const std::chrono::duration<double> down = std::chrono::steady_clock::now() - m_lost_at;
+    m_lost_at = {};
+    const long long tenths = std::llround(down.count() * 10);
+    LAPI_LOG(WARNING, g_log) << "connection to " << where() << " back after " << tenths / 10 << "."
+                             << tenths % 10 << " s";
+  }
   LAPI_LOG(NOTICE, g_log) << "connected to " << where() << " as '" << m_client_id << "', " << count
                           << " topics subscribed";
+  m_ready_pending = true;
+  ready_if_subscribed();
+}
+
+void MqttClient::subscribed(int mid) {
+  const auto it = std::find(m_awaited_subacks.begin(), m_awaited_subacks.end(), mid);
+  if (it == m_awaited_subacks.end()) {
+    return;
+  }
+  m_awaited_subacks.erase(it);
+  ready_if_subscribed();
+}
+
+void MqttClient::ready_if_subscribed() {
+  if (!m_ready_pending || !m_awaited_subacks.empty() || m_closing) {
+    return;
+  }
+  m_ready_pending = false;
+  if (m_on_connected) {
+    m_on_connected();
+  }
 }
 
 void MqttClient::disconnected(int rc) {
   const bool was_connected = m_connected.exchange(false);
+  // Not sent again after a reconnect, so never acknowledged.
+  m_unacked_unsubscribes.clear();
+  m_awaited_subacks.clear();
+  m_ready_pending = false;
   if (rc == MOSQ_ERR_SUCCESS) {
     LAPI_LOG(INFO, g_log) << "disconnected from " << where();
   } else if (was_connected) {
+    m_lost_at = std::chrono::steady_clock::now();
     LAPI_LOG(WARNING, g_log) << "connection to " << where() << " lost: " << reason(rc);
   }
 }
 
 void MqttClient::deliver(const mosquitto_message& raw) {
+  if (m_closing) {
+    return;  // observers are done once `stop` has returned
+  }
   // Only the loop thread delivers, one message at a time: the message, its
   // topic and the observer list keep their storage from one to the next.
   Message& msg = m_delivery.msg;
@@ -421,6 +534,7 @@ void MqttClient::observers_of(const std::string& topic, std::vector<ObserverPtr>
 }
 
 void MqttClient::resubscribe_all() {
+  m_awaited_subacks.clear();
   // A few topics per SUBSCRIBE: thousands of single ones cost the broker
   // and the client a packet and an acknowledgement each.
   constexpr std::size_t kBatch = 64;
@@ -429,9 +543,12 @@ void MqttClient::resubscribe_all() {
     if (batch.empty()) {
       return;
     }
+    int mid = 0;
     const int rc = mosquitto_subscribe_multiple(
-        m_handle.get(), nullptr, static_cast<int>(batch.size()), batch.data(), qos, 0, nullptr);
-    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
+        m_handle.get(), &mid, static_cast<int>(batch.size()), batch.data(), qos, 0, nullptr);
+    if (rc == MOSQ_ERR_SUCCESS) {
+      m_awaited_subacks.push_back(mid);
+    } else if (rc != MOSQ_ERR_NO_CONN) {
       LAPI_LOG(WARNING, g_log) << batch.size() << " subscriptions from '" << batch.front()
                                << "' onwards not sent: " << reason(rc);
     }

@@ -18,10 +18,13 @@
 //   thread acts on it.
 // - `disconnect` takes effect on the loop thread; without one running, at
 //   the next `start` or in the destructor.
-// - `stop` waits for a running delivery and for at most one pass of the
-//   network loop (kLoopTimeout). A connect attempt in progress delays `stop`,
-//   and calls from threads other than the loop thread, until its TCP connect
-//   ends, which on loopback is immediate.
+// - Connects are non-blocking: `stop` waits for a running delivery and for
+//   at most one pass of the network loop (kLoopTimeout), whatever state the
+//   connection is in. Only the name lookup of a host name blocks.
+// - The destructor, with the session up, first waits up to kFlushTimeout
+//   for the acknowledgements of what was sent (QoS 1 and 2 publishes,
+//   UNSUBSCRIBEs, queued after `stop` too), then sends a DISCONNECT: the
+//   broker processes every packet and sees a clean goodbye.
 // - The last reference to the client must not be dropped inside a delivery.
 #pragma once
 
@@ -57,6 +60,10 @@ class MqttClient : public ITransportClient {
  public:
   // Bounds how long the loop thread takes to notice `stop`.
   static constexpr std::chrono::milliseconds kLoopTimeout{100};
+  // Bounds the goodbye in the destructor. With a daemon loop period of
+  // 500 ms and one kLoopTimeout for `stop`, a SIGTERM still ends the process
+  // within 0.8 s when the broker stops answering.
+  static constexpr std::chrono::milliseconds kFlushTimeout{200};
 
   MqttClient(std::string host, int port, std::string client_id, MqttOptions options = {});
   ~MqttClient() override;
@@ -84,6 +91,9 @@ class MqttClient : public ITransportClient {
 
   void start() override;
   void stop() override;
+
+  bool set_will(const std::string& topic, const Message& msg) override;
+  void on_connected(std::function<void()> callback) override;
 
  private:
   using ObserverPtr = std::shared_ptr<ISubscriptionObserver>;
@@ -152,6 +162,10 @@ class MqttClient : public ITransportClient {
   static void on_connect(mosquitto* handle, void* self, int rc) noexcept;
   static void on_disconnect(mosquitto* handle, void* self, int rc) noexcept;
   static void on_message(mosquitto* handle, void* self, const mosquitto_message* msg) noexcept;
+  static void on_publish(mosquitto* handle, void* self, int mid) noexcept;
+  static void on_subscribe(mosquitto* handle, void* self, int mid, int count,
+                           const int* granted) noexcept;
+  static void on_unsubscribe(mosquitto* handle, void* self, int mid) noexcept;
 
   void run();
   // False after a failed attempt, which has then waited out its back-off.
@@ -164,6 +178,11 @@ class MqttClient : public ITransportClient {
 
   void connected(int rc);
   void disconnected(int rc);
+  void subscribed(int mid);
+  // Runs the connect callback once every SUBSCRIBE of this connect is answered.
+  void ready_if_subscribed();
+  // Waits for outstanding acknowledgements, then says goodbye; destructor only.
+  void flush_and_disconnect();
   void deliver(const mosquitto_message& raw);
   // Fills `found` with the observers of `topic`.
   void observers_of(const std::string& topic, std::vector<ObserverPtr>& found) const;
@@ -173,6 +192,33 @@ class MqttClient : public ITransportClient {
   // Empty on the loop thread, else a lock on m_socket_mutex.
   std::unique_lock<std::mutex> hold_off_connect();
   std::string where() const;
+
+  // Packet ids sent and not yet acknowledged. An acknowledgement may come
+  // before the sender has recorded the id; it then leaves a -1 that the
+  // sender's +1 cancels.
+  class Unacked {
+   public:
+    void sent(int mid) { change(mid, 1); }
+    void acknowledged(int mid) { change(mid, -1); }
+    bool empty() const {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      return std::none_of(m_ids.begin(), m_ids.end(), [](const auto& id) { return id.second > 0; });
+    }
+    void clear() {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_ids.clear();
+    }
+
+   private:
+    void change(int mid, int by) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if ((m_ids[mid] += by) == 0) {
+        m_ids.erase(mid);
+      }
+    }
+    mutable std::mutex m_mutex;
+    std::unordered_map<int, int> m_ids;
+  };
 
   const std::string m_host;
   const int m_port;
@@ -186,12 +232,15 @@ class MqttClient : public ITransportClient {
   std::unordered_map<std::string, Topic> m_topics;
   std::vector<std::string> m_wildcards;
 
-  // Held by the loop thread while mosquitto_connect opens a socket and queues
+  // Held by the loop thread while mosquitto_connect_async opens a socket and queues
   // the CONNECT, and by other threads while they queue a packet: libmosquitto
   // would accept one in between and send it before the CONNECT. Always the
   // outermost lock.
   std::mutex m_socket_mutex;
 
+  std::function<void()> m_on_connected;
+  Unacked m_unacked_publishes;      // kept by libmosquitto across reconnects
+  Unacked m_unacked_unsubscribes;   // lost with the connection
   std::atomic<bool> m_connected{false};  // CONNACK accepted, not lost since
   std::atomic<bool> m_want_connection{false};
   std::atomic<bool> m_stop_requested{false};
@@ -217,6 +266,10 @@ class MqttClient : public ITransportClient {
   bool m_session_up = false;  // CONNACK accepted on the current socket
   std::string m_refusal;      // why the broker refused the current attempt
   bool m_disconnect_sent = false;
+  std::vector<int> m_awaited_subacks;  // SUBSCRIBEs of the current connect
+  bool m_ready_pending = false;        // connect callback not run yet
+  std::chrono::steady_clock::time_point m_lost_at{};  // set while a lost connection is down
+  bool m_closing = false;  // the destructor drives the network; no more deliveries
 };
 
 }  // namespace ecu::lapi::com

@@ -5,8 +5,9 @@
 //   happens on it, one at a time, never overlapping.
 // - From inside `message` an observer may call `subscribe`, `unsubscribe` and
 //   `publish` of the same client; they do not block on the delivery.
-// - `stop` ends the delivery and joins its thread; no observer is called after
-//   `stop` returns. `stop` must not be called from inside `message`.
+// - `stop` ends the delivery and joins its thread, promptly whatever state the
+//   connection is in; no observer is called after `stop` returns. `stop` must
+//   not be called from inside `message`.
 // - `subscribe` and `unsubscribe` are accepted at any time, before `connect`
 //   too. Subscriptions are remembered and sent again on every (re)connect.
 // - `publish`, `subscribe` and `unsubscribe` may be called from any thread.
@@ -15,6 +16,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -61,6 +63,17 @@ class ITransportClient {
 
   virtual void start() = 0;
   virtual void stop() = 0;
+
+  // The message the broker publishes on `topic` when the connection ends
+  // without a DISCONNECT (MQTT 3.1.1, 3.1.2.5); msg.extra_flag retains it.
+  // Call before `connect`. False when the topic or payload is not usable.
+  virtual bool set_will(const std::string& topic, const Message& msg) = 0;
+  // `callback` runs on the delivery thread after every accepted connect,
+  // once the broker has acknowledged every SUBSCRIBE sent at that connect
+  // (right after the CONNACK when nothing is subscribed): from then on, what
+  // is published on a subscribed topic reaches its observers. Not run for a
+  // connect lost before the acknowledgements. Call before `start`.
+  virtual void on_connected(std::function<void()> callback) = 0;
 };
 
 enum TransportType : int {

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "com/message_adapter.h"
+#include "lapi/com/frame.h"
 #include "ecu/pb/rt.pb.h"
 #include "lapi/logging/logging.h"
 
@@ -100,27 +100,26 @@ UnpackResult SignalAdapter::unpack(const std::string& topic, const com::Message&
   UnpackResult result;
   const auto found = m_groups.find(topic);
   if (found == m_groups.end()) {
-    LAPI_LOG(WARNING, g_log) << "No signal group defined for " << topic;
+    LAPI_LOG(DEBUG, g_log) << "No signal group defined for " << topic;
     return result;
   }
   const Definition& definition = found->second;
 
-  // The adapter remembers the frame's protocol type, so each call takes its own.
-  com::PbInternalMessageAdapter<pb::RtSignalGroup> frames;
-  const auto decoded = frames.deserialize(message);
-  if (!decoded.ok) {
-    LAPI_LOG(WARNING, g_log) << "Undecodable frame on " << topic << " (error " << decoded.error
-                             << ")";
+  const com::FrameView frame = com::read_frame(message.payload);
+  pb::RtSignalGroup body;
+  if (frame.check != com::FrameCheck::Ok || !body.ParseFromArray(frame.body, frame.body_size)) {
+    LAPI_LOG(DEBUG, g_log) << "Undecodable frame on " << topic << ": "
+                           << (frame.check == com::FrameCheck::Ok ? "body does not parse"
+                                                                  : com::to_string(frame.check));
     return result;
   }
-  const pb::RtSignalGroup& body = decoded.value;
   if (body.name() != definition.name) {
-    LAPI_LOG(WARNING, g_log) << "Group '" << body.name() << "' on " << topic << ", expected '"
+    LAPI_LOG(DEBUG, g_log) << "Group '" << body.name() << "' on " << topic << ", expected '"
                              << definition.name << "'";
     return result;
   }
   if (static_cast<std::size_t>(body.signals_size()) != definition.signals.size()) {
-    LAPI_LOG(WARNING, g_log) << "Group " << definition.name << " on " << topic << " has "
+    LAPI_LOG(DEBUG, g_log) << "Group " << definition.name << " on " << topic << " has "
                              << body.signals_size() << " signals, expected "
                              << definition.signals.size();
     return result;
@@ -131,13 +130,13 @@ UnpackResult SignalAdapter::unpack(const std::string& topic, const com::Message&
   for (std::size_t i = 0; i < definition.signals.size(); ++i) {
     const pb::RtSignal& signal = body.signals(static_cast<int>(i));
     if (signal.name() != definition.signals[i]) {
-      LAPI_LOG(WARNING, g_log) << "Signal " << i << " of " << definition.name << " on " << topic
+      LAPI_LOG(DEBUG, g_log) << "Signal " << i << " of " << definition.name << " on " << topic
                                << " is '" << signal.name() << "', expected '"
                                << definition.signals[i] << "'";
       return result;
     }
     if (signal.data().size() < kMinDataBytes) {
-      LAPI_LOG(WARNING, g_log) << "Signal " << signal.name() << " of " << definition.name << " on "
+      LAPI_LOG(DEBUG, g_log) << "Signal " << signal.name() << " of " << definition.name << " on "
                                << topic << " has " << signal.data().size()
                                << " data bytes, expected at least " << kMinDataBytes;
       return result;

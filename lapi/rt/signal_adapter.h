@@ -52,10 +52,17 @@ class SignalAdapter {
   // Succeeds when `topic` is defined, the frame passes the header checks, its
   // body parses, and the group's name, its signals' names and their order
   // match the definition, every signal carrying at least four data bytes.
-  // A failure logs a WARNING on "lapi.rt" naming the reason.
+  // A failure logs a DEBUG line on "lapi.rt" naming the reason: the caller
+  // reports the dropped frame, and a flood of bad frames must not reach the
+  // log at the default level.
   UnpackResult unpack(const std::string& topic, const com::Message& message) const;
 
   std::size_t group_count() const { return m_groups.size(); }
+  // The name of the group defined for `topic`; empty when there is none.
+  std::string group_name(const std::string& topic) const {
+    const auto found = m_groups.find(topic);
+    return found == m_groups.end() ? std::string() : found->second.name;
+  }
 
  private:
   struct Definition {

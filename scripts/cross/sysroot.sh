@@ -13,7 +13,7 @@ set -euo pipefail
 dir=${1:?usage: sysroot.sh DIR}
 suite=${TOKARD_ARMHF_SUITE:-bookworm}
 mirror=${TOKARD_ARMHF_MIRROR:-http://deb.debian.org/debian}
-packages=libc6-dev,libstdc++-12-dev,libprotobuf-dev,libmosquitto-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev
+packages=libc6-dev,libstdc++-12-dev,libprotobuf-dev,libmosquitto-dev,libsystemd-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev
 stamp="$suite $mirror $packages"
 
 if [ -f "$dir/.tokard-sysroot" ] && [ "$(cat "$dir/.tokard-sysroot")" = "$stamp" ]; then

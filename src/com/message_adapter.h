@@ -1,7 +1,5 @@
-// Frames on the internal broker: an 18-byte SREHeader followed by the body.
-//
-// length_word = protocol type (bits 0-15) | header length (bits 16-31)
-//             | body length (bits 32-63)
+// Encodes and decodes the bodies of frames (lapi/com/frame.h) as protobuf
+// messages.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +10,7 @@
 #include <vector>
 
 #include "com/outcome.h"
-#include "ecu/pb/header.pb.h"
+#include "lapi/com/frame.h"
 #include "lapi/com/message.h"
 #include "lapi/logging/logging.h"
 #include "lapi/time/datetime.h"
@@ -29,27 +27,6 @@ enum PbInternalDeserializationError : std::int32_t {
   BODY_DECODE = 5,        // body runs past the payload or does not parse
 };
 }  // namespace err
-
-constexpr int kFrameHeaderSize = 18;
-
-// length_word of an 18-byte header. The layout that serialize writes (field 1
-// then field 2, both fixed64) is read directly, which costs a tenth of the
-// parser; any other layout goes to the parser, which reads that one the same.
-inline bool read_length_word(const std::uint8_t* bytes, std::uint64_t& word) {
-  if (bytes[0] == 0x09 && bytes[9] == 0x11) {
-    word = 0;
-    for (int i = 8; i >= 1; --i) {
-      word = (word << 8) | bytes[i];
-    }
-    return true;
-  }
-  pb::SREHeader header;
-  if (!header.ParseFromArray(bytes, kFrameHeaderSize)) {
-    return false;
-  }
-  word = header.length_word();
-  return true;
-}
 
 template <typename T, typename E>
 class IMessageAdapter {
@@ -108,33 +85,31 @@ class PbInternalMessageAdapter : public IMessageAdapter<T, err::PbInternalDeseri
 
   Result deserialize(const Message& message) override {
     const logging::LogModulePtr log = logging::module("lapi.com.messageadapter");
-    const auto& payload = message.payload;
-    const std::uint64_t size = payload.size();
-    if (size == 0) {
-      return fail(err::TOO_SHORT);
+    const FrameView frame = read_frame(message.payload);
+    if (frame.check > FrameCheck::HeaderUndecoded) {
+      m_protocol_type = frame.protocol_type();
     }
-    if (size < static_cast<std::uint64_t>(kFrameHeaderSize)) {
-      LAPI_LOG(ERROR, log) << "Total length is smaller then expected header length";
-      return fail(err::TOO_SHORT);
+    switch (frame.check) {
+      case FrameCheck::Empty:
+        return fail(err::TOO_SHORT);
+      case FrameCheck::Short:
+        LAPI_LOG(ERROR, log) << "Total length is smaller then expected header length";
+        return fail(err::TOO_SHORT);
+      case FrameCheck::HeaderUndecoded:
+        LAPI_LOG(ERROR, log) << "Unable to decode the header.";
+        return fail(err::HEADER_DECODE);
+      case FrameCheck::ProtocolNotUsed:
+        LAPI_LOG(ERROR, log) << "ProtocolType is set to not used!";
+        return fail(err::PROTOCOL_NOT_USED);
+      case FrameCheck::HeaderLength:
+        LAPI_LOG(ERROR, log) << "Specified hdr-len does not comply.";
+        return fail(err::HEADER_LENGTH);
+      case FrameCheck::BodyOutside:
+      case FrameCheck::Ok:
+        break;
     }
-    std::uint64_t word = 0;
-    if (!read_length_word(payload.data(), word)) {
-      LAPI_LOG(ERROR, log) << "Unable to decode the header.";
-      return fail(err::HEADER_DECODE);
-    }
-    m_protocol_type = static_cast<std::int32_t>(word & 0xFFFFu);
-    if (m_protocol_type == 0) {
-      LAPI_LOG(ERROR, log) << "ProtocolType is set to not used!";
-      return fail(err::PROTOCOL_NOT_USED);
-    }
-    if (((word >> 16) & 0xFFFFu) != static_cast<std::uint64_t>(kFrameHeaderSize)) {
-      LAPI_LOG(ERROR, log) << "Specified hdr-len does not comply.";
-      return fail(err::HEADER_LENGTH);
-    }
-    const std::uint64_t body_size = word >> 32;
     Result result;
-    if (kFrameHeaderSize + body_size > size ||
-        !result.value.ParseFromArray(payload.data() + kFrameHeaderSize, static_cast<int>(body_size))) {
+    if (frame.check != FrameCheck::Ok || !result.value.ParseFromArray(frame.body, frame.body_size)) {
       LAPI_LOG(EMERG, log) << "Unable to deserialize protobuf";
       return fail(err::BODY_DECODE);
     }

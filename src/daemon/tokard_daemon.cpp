@@ -16,6 +16,19 @@ TokarDaemon** g_instance_cell = nullptr;
 // Clearing the flag from a signal handler is only safe when it takes no lock.
 static_assert(std::atomic<bool>::is_always_lock_free);
 
+// "token_status": on unless "off"; anything else is taken for on.
+bool token_status_wanted(const std::unique_ptr<ecu::lapi::config::Configuration>& config) {
+  const std::string value = config ? config->get("token_status") : std::string();
+  if (value == "off") {
+    return false;
+  }
+  if (!value.empty() && value != "on") {
+    LAPI_LOG(WARNING, ecu::lapi::logging::module("tokard.status"))
+        << "token_status '" << value << "' is neither on nor off; taking on";
+  }
+  return true;
+}
+
 }  // namespace
 
 TokarDaemon** instance_cell() {
@@ -38,11 +51,29 @@ void on_signal(int sig) {
   signal(SIGTERM, SIG_DFL);
 }
 
-TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& /*config*/,
+TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& config,
                          std::shared_ptr<ecu::lapi::com::ITransportClient>& client)
-    : m_running(false), m_client(client), m_handler(client) {}
+    : m_running(false), m_client(client), m_handler(client), m_availability(client) {
+  if (token_status_wanted(config)) {
+    m_status = std::make_shared<StatusPublisher>(client, read_boot_id());
+    m_handler.ecu_container().set_listener(m_status);
+    m_readback = std::make_unique<StatusReadback>(client, m_handler, m_status,
+                                                  StatusReadback::Clock::now());
+  }
+  // Runs once the broker has acknowledged every subscription, the request
+  // topic's included: from then on requests reach tokard.
+  m_client->on_connected([this] {
+    m_availability.online();
+    if (m_readback) {
+      m_readback->connected();
+    }
+    if (!m_ready.exchange(true)) {
+      m_notifier.ready();
+    }
+  });
+}
 
-TokarDaemon::~TokarDaemon() = default;
+TokarDaemon::~TokarDaemon() { m_client->on_connected(nullptr); }
 
 bool TokarDaemon::init() {
   LAPI_LOG(DEBUG, g_log) << "Initializing...";
@@ -58,7 +89,15 @@ void TokarDaemon::run() {
   while (m_running.load()) {
     // An early wake-up by a signal just starts the next pass.
     nanosleep(&period, nullptr);
+    if (m_client->is_running()) {
+      m_notifier.watchdog();
+    }
+    if (m_readback) {
+      m_readback->remind();
+    }
   }
+  m_notifier.stopping();
+  m_availability.offline();
   m_client->stop();
   LAPI_LOG(DEBUG, g_log) << "... stopped!";
 }

@@ -8,7 +8,11 @@
 
 #include "lapi/com/transport.h"
 #include "lapi/config/configuration.h"
+#include "daemon/service_notifier.h"
 #include "reqhandler/request_handler.h"
+#include "status/availability.h"
+#include "status/status_publisher.h"
+#include "status/status_readback.h"
 
 namespace tokard {
 
@@ -27,11 +31,12 @@ TokarDaemon** instance_cell();
 class TokarDaemon {
  public:
   // Builds the request handler, which subscribes the request topic on
-  // `client`. The configuration is not used: everything the daemon needs is
-  // already in the client.
+  // `client`, and sets tokard's will. Unless the configuration says
+  // "token_status = off", also keeps a retained status per ECU and reads the
+  // statuses of an earlier tokard back before deciding any request.
   TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& config,
               std::shared_ptr<ecu::lapi::com::ITransportClient>& client);
-  // Calls no client operation: stopping the delivery is run()'s job.
+  // Only takes its connect callback back: stopping the delivery is run()'s job.
   virtual ~TokarDaemon();
   TokarDaemon(const TokarDaemon&) = delete;
   TokarDaemon& operator=(const TokarDaemon&) = delete;
@@ -51,6 +56,11 @@ class TokarDaemon {
   std::atomic<bool> m_running;
   std::shared_ptr<ecu::lapi::com::ITransportClient> m_client;
   RequestHandler m_handler;
+  Availability m_availability;
+  ServiceNotifier m_notifier;
+  std::atomic<bool> m_ready{false};
+  std::shared_ptr<StatusPublisher> m_status;
+  std::unique_ptr<StatusReadback> m_readback;
 };
 
 }  // namespace tokard

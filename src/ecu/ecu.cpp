@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "com/protocol.h"
 #include "lapi/logging/logging.h"
 #include "lapi/rt/signal_adapter.h"
 
@@ -16,8 +17,6 @@ namespace {
 
 const ecu::lapi::logging::LogModulePtr g_log = ecu::lapi::logging::module("tokard.ecu");
 
-constexpr const char* kTxPrefix = "rttx/";
-constexpr std::size_t kTxPrefixSize = 5;
 constexpr std::size_t kPrintedBytes = 4;
 
 // Zero fill and width 2 reach the first byte only, giving "05 1a 0 ff ": the
@@ -44,7 +43,13 @@ Ecu::Ecu(const std::string& name) : m_name(name) {}
 
 Ecu::~Ecu() = default;
 
-bool Ecu::add_topic(const std::string& topic) { return m_topics.insert(topic).second; }
+bool Ecu::add_topic(const std::string& topic) {
+  const auto [it, added] = m_topics.insert(topic);
+  if (added) {
+    m_topic_order.push_back(&*it);
+  }
+  return added;
+}
 
 bool Ecu::acquire_token(const std::string& client) {
   LAPI_LOG(DEBUG, g_log) << "[" << m_name << "]  (before acquire) m_request_active: "
@@ -72,6 +77,14 @@ bool Ecu::acquire_token(const std::string& client) {
   }
   m_token_time = now();
   m_token_taken_by_client = client;
+  ++m_history.generation;
+  m_history.granted_unix_ms = static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(
+          std::chrono::system_clock::now().time_since_epoch())
+          .count());
+  if (m_listener) {
+    m_listener->token_changed(*this);
+  }
   return true;
 }
 
@@ -86,16 +99,22 @@ bool Ecu::release_token(const std::string& client) {
   }
   LAPI_LOG(INFO, g_log) << "[" << m_name << "] Token explicitly released for client " << client;
   m_token_taken_by_client.clear();
+  if (m_listener) {
+    m_listener->token_changed(*this);
+  }
   return true;
 }
 
+void Ecu::restore(const std::string& holder, Clock::time_point lease_start, bool request_active,
+                  const History& history) {
+  m_history = history;
+  m_token_taken_by_client = holder;
+  m_token_time = lease_start;
+  m_request_active.store(request_active);
+}
+
 void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) {
-  // Groups are defined for the receive form only; transmit traffic is judged
-  // by the same definition.
-  std::string unpack_topic;
-  if (topic.compare(0, kTxPrefixSize, kTxPrefix) == 0) {
-    unpack_topic = "rt/" + topic.substr(kTxPrefixSize);
-  }
+  const std::string unpack_topic = protocol::definition_topic_of_tx(topic);
   auto result = ecu::lapi::rt::SignalAdapter::instance().unpack(
       unpack_topic.empty() ? topic : unpack_topic, msg);
   if (!result.success) {
@@ -104,6 +123,8 @@ void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) 
   }
 
   const ecu::lapi::rt::SignalGroup group = std::move(result.group);
+  const bool was_active = m_request_active.load();
+  const bool was_held = !m_token_taken_by_client.empty();
   m_request_active.store(group.is_valid());
   LAPI_LOG(DEBUG, g_log) << "[" << m_name << "] SignalGroup " << group.name()
                          << " is valid: " << (group.is_valid() ? "YES" : "NO");
@@ -118,6 +139,11 @@ void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) 
   LAPI_LOG(INFO, g_log) << "[" << m_name
                         << "] Accept requests: " << (m_request_active.load() ? "NO" : "YES") << " '"
                         << topic << "'";
+  if (m_listener && (was_active != m_request_active.load() ||
+                     was_held != !m_token_taken_by_client.empty())) {
+    m_listener->token_changed(*this);
+    m_listener->settle();
+  }
 }
 
 }  // namespace tokard

@@ -2,10 +2,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "ecu/ecu_listener.h"
 #include "lapi/com/transport.h"
 
 namespace tokard {
@@ -32,7 +35,25 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
   // True when the token is free afterwards; false when another client holds it.
   bool release_token(const std::string& client);
 
+  // What the token went through, for those who watch it: grants to a new
+  // holder so far, and the wall-clock time of the grant to the holder.
+  struct History {
+    std::uint64_t generation = 0;
+    std::uint64_t granted_unix_ms = 0;
+  };
+
+  // Takes the token state back from before a restart: `holder` (may be
+  // empty) with a lease that starts at `lease_start`, the request-active
+  // flag and the history. Tells the listener nothing.
+  void restore(const std::string& holder, Clock::time_point lease_start, bool request_active,
+               const History& history);
+  // Told about every later change of the holder or the flag.
+  void set_listener(std::shared_ptr<EcuListener> listener) { m_listener = std::move(listener); }
+
   const std::set<std::string>& topics() const { return m_topics; }
+  // The same, in the order they were added.
+  const std::vector<const std::string*>& topics_in_order() const { return m_topic_order; }
+  const History& history() const { return m_history; }
   const std::string& holder() const { return m_token_taken_by_client; }
   bool request_active() const { return m_request_active.load(); }
 
@@ -50,6 +71,9 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
   std::shared_ptr<void> m_handle_b;
   Clock::time_point m_token_time{};
   const std::chrono::milliseconds m_token_timeout{10000};
+  std::shared_ptr<EcuListener> m_listener;
+  std::vector<const std::string*> m_topic_order;  // into m_topics, whose nodes stay put
+  History m_history;
 };
 
 }  // namespace tokard

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "com/protocol.h"
 #include "lapi/logging/logging.h"
 #include "utils/topic.h"
 
@@ -12,10 +13,6 @@ const ecu::lapi::logging::LogModulePtr g_log = ecu::lapi::logging::module("tokar
 
 constexpr int kQos = 1;
 
-// Drops three characters whatever the prefix, so "rttx/ECU1" pairs with
-// "rttx/x/ECU1"; that pairing is deliberate.
-std::string tx_topic(const std::string& topic) { return "rttx/" + topic.substr(3); }
-
 }  // namespace
 
 EcuContainer::EcuContainer(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
@@ -25,7 +22,7 @@ EcuContainer::~EcuContainer() {
   for (const auto& [name, ecu] : m_ecus) {
     for (const auto& topic : ecu->topics()) {
       m_client->unsubscribe(topic, ecu);
-      m_client->unsubscribe(tx_topic(topic), ecu);
+      m_client->unsubscribe(protocol::tx_topic(topic), ecu);
     }
   }
 }
@@ -38,17 +35,43 @@ std::shared_ptr<Ecu> EcuContainer::ecu_from_topic(const std::string& topic) cons
   }
   LAPI_LOG(DEBUG, g_log) << "Got ECU '" << name.value << "' for topic: " << topic;
 
-  auto found = m_ecus.find(name.value);
-  if (found == m_ecus.end()) {
+  if (m_ecus.find(name.value) == m_ecus.end()) {
     LAPI_LOG(INFO, g_log) << "create ECU '" << name.value << "'";
-    found = m_ecus.emplace(name.value, std::make_shared<Ecu>(name.value)).first;
   }
-  const std::shared_ptr<Ecu>& ecu = found->second;
-  if (ecu->add_topic(topic)) {
-    m_client->subscribe(topic, kQos, ecu);
-    m_client->subscribe(tx_topic(topic), kQos, ecu);
+  const std::shared_ptr<Ecu>& ecu = record(name.value);
+  if (follow(ecu, topic) && m_listener) {
+    m_listener->topic_added(*ecu, topic);
   }
   return ecu;
+}
+
+std::shared_ptr<Ecu> EcuContainer::restore(const std::string& name,
+                                           const std::vector<std::string>& topics) {
+  const std::shared_ptr<Ecu>& ecu = record(name);
+  for (const auto& topic : topics) {
+    follow(ecu, topic);
+  }
+  return ecu;
+}
+
+std::shared_ptr<Ecu>& EcuContainer::record(const std::string& name) const {
+  auto found = m_ecus.find(name);
+  if (found == m_ecus.end()) {
+    found = m_ecus.emplace(name, std::make_shared<Ecu>(name)).first;
+    if (m_listener) {
+      found->second->set_listener(m_listener);
+    }
+  }
+  return found->second;
+}
+
+bool EcuContainer::follow(const std::shared_ptr<Ecu>& ecu, const std::string& topic) const {
+  if (!ecu->add_topic(topic)) {
+    return false;
+  }
+  m_client->subscribe(topic, kQos, ecu);
+  m_client->subscribe(protocol::tx_topic(topic), kQos, ecu);
+  return true;
 }
 
 }  // namespace tokard

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ecu/ecu.h"
 #include "lapi/com/transport.h"
@@ -23,11 +24,31 @@ class EcuContainer {
   // a topic that is not an RT topic.
   std::shared_ptr<Ecu> ecu_from_topic(const std::string& topic) const;
 
+  // The record of ECU `name`, created when needed and made to follow each
+  // of `topics` (request topics) as a lookup would, but without logging or
+  // telling the listener: the record comes back from before a restart.
+  std::shared_ptr<Ecu> restore(const std::string& name, const std::vector<std::string>& topics);
+
+  // Told about new topics of every record, and handed to every record
+  // created from now on.
+  void set_listener(std::shared_ptr<EcuListener> listener) { m_listener = std::move(listener); }
+
+  // Tells the listener that the changes of one request are complete.
+  void settle() const {
+    if (m_listener) {
+      m_listener->settle();
+    }
+  }
+
   std::size_t size() const { return m_ecus.size(); }
 
  private:
   mutable std::map<std::string, std::shared_ptr<Ecu>> m_ecus;
   std::shared_ptr<ecu::lapi::com::ITransportClient> m_client;
+  std::shared_ptr<EcuListener> m_listener;
+
+  std::shared_ptr<Ecu>& record(const std::string& name) const;
+  bool follow(const std::shared_ptr<Ecu>& ecu, const std::string& topic) const;
 };
 
 }  // namespace tokard

@@ -62,7 +62,9 @@ int main(int argc, char** argv) {
   // Precedence, lowest first: built-in defaults, the file, the options.
   auto config = std::make_unique<ecu::lapi::config::Configuration>();
   config->set_default("client_name", "tokard");
-  std::ifstream file(TOKARD_CONFIG_FILE);
+  // $TOKARD_CONFIG, when set and not empty, names another file.
+  const char* config_path = std::getenv("TOKARD_CONFIG");
+  std::ifstream file(config_path != nullptr && *config_path != '\0' ? config_path : TOKARD_CONFIG_FILE);
   if (file.is_open()) {
     ecu::lapi::config::set_config_from_input(config, file);
     file.close();

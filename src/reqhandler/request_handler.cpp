@@ -29,7 +29,28 @@ RequestHandler::~RequestHandler() {
                            std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
 }
 
+void RequestHandler::hold_requests(std::function<void()> on_held) {
+  m_holding = true;
+  m_on_held = std::move(on_held);
+}
+
+void RequestHandler::release_held() {
+  m_holding = false;
+  auto held = std::move(m_held);
+  m_held.clear();
+  for (const auto& [topic, msg] : held) {
+    message(topic, msg);
+  }
+}
+
 void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Message& msg) {
+  if (m_holding) {
+    m_held.emplace_back(topic, msg);
+    if (m_on_held) {
+      m_on_held();
+    }
+    return;
+  }
   if (topic != kRequestTopic) {
     LAPI_LOG(ERROR, g_log) << "Unexpected message on topic: " << topic;
     return;
@@ -54,9 +75,11 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
   switch (request.action()) {
     case PgnRequestTokenRequest::ACQUIRE:
       action_acquire(request);
+      m_ecu_container.settle();  // after the answer, which must not wait for it
       break;
     case PgnRequestTokenRequest::RELEASE:
       action_release(request);
+      m_ecu_container.settle();
       break;
     default:
       LAPI_LOG(INFO, g_log) << "Request action: "
@@ -71,9 +94,7 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
 void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
   PgnRequestTokenResponse response;
   response.set_request_topic(request.request_topic());
-  std::string response_topic;
-  response_topic.reserve(4 + request.client_name().size() + 13);
-  response_topic.append("app/").append(request.client_name()).append("/pgn/response");
+  const std::string response_topic = protocol::response_topic(request.client_name());
 
   PgnRequestTokenResponse::Result result;
   const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());

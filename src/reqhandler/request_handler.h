@@ -1,8 +1,12 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "com/protocol.h"
 #include "ecu/ecu_container.h"
 #include "ecu/pb/pgn.pb.h"
 #include "lapi/com/transport.h"
@@ -15,7 +19,7 @@ namespace tokard {
 // "app/<client>/pgn/response". Releases and refused requests get no answer.
 class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
  public:
-  static constexpr const char* kRequestTopic = "system/tokard/request";
+  static constexpr const char* kRequestTopic = protocol::kRequestTopic;
 
   explicit RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient> client);
   ~RequestHandler() override;
@@ -23,6 +27,16 @@ class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
   RequestHandler& operator=(const RequestHandler&) = delete;
 
   void message(const std::string& topic, const ecu::lapi::com::Message& msg) override;
+
+  // From now on requests are kept undecided, in the order they arrive, and
+  // `on_held` runs after each is kept (it may call release_held). Call
+  // before the delivery starts.
+  void hold_requests(std::function<void()> on_held);
+  // Decides the kept requests, then every later one as it comes. On the
+  // delivery thread.
+  void release_held();
+
+  EcuContainer& ecu_container() { return m_ecu_container; }
 
  protected:
   virtual void action_acquire(const ecu::lapi::pb::PgnRequestTokenRequest& request);
@@ -34,6 +48,9 @@ class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
   std::shared_ptr<ecu::lapi::com::ITransportClient> m_transport;
   std::shared_ptr<utils::SubWrapper> m_subscriber;
   EcuContainer m_ecu_container;
+  bool m_holding = false;
+  std::vector<std::pair<std::string, ecu::lapi::com::Message>> m_held;
+  std::function<void()> m_on_held;
 };
 
 }  // namespace tokard

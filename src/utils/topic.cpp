@@ -1,5 +1,7 @@
 #include "utils/topic.h"
 
+#include "com/protocol.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -17,7 +19,7 @@ TopicOutcome fail(const char* why) {
 }  // namespace
 
 TopicOutcome ecu_from_topic(const std::string& topic) {
-  if (topic.compare(0, 3, "rt/") != 0 && topic.compare(0, 5, "rttx/") != 0) {
+  if (!protocol::is_rt_topic(topic)) {
     return fail("Not an RT topic!");
   }
   const auto slash = topic.rfind('/');

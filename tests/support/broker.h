@@ -1,115 +1,141 @@
+// A private mosquitto on a free loopback port, scratch files, and the bounded
+// wait every test uses instead of a sleep.
 #pragma once
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
-#ifndef TOKARD_TEST_MOSQUITTO_CONF
-#error "TOKARD_TEST_MOSQUITTO_CONF must name the test broker's configuration"
-#endif
-
 namespace tokard::test {
 
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+
 // Polls `condition` every 5 ms until it holds or `limit` has passed.
-inline bool wait_until(const std::function<bool()>& condition,
-                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+inline bool wait_until(const std::function<bool()>& condition, milliseconds limit = 5s) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(5ms);
   }
   return true;
 }
 
-// A loopback port nobody listens on right now.
-inline int free_port() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
+// A socket on loopback `port`; port 0 binds one the kernel picks.
+inline int loopback_socket(int port, sockaddr_in& addr) {
+  addr = {};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  return ::socket(AF_INET, SOCK_STREAM, 0);
+}
+// A loopback port nobody listens on right now.
+inline int free_port() {
+  sockaddr_in addr;
+  const int fd = loopback_socket(0, addr);
   socklen_t len = sizeof addr;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
   ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
   ::close(fd);
   return ntohs(addr.sin_port);
 }
-
 inline bool port_open(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  sockaddr_in addr;
+  const int fd = loopback_socket(port, addr);
+  const bool open = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   ::close(fd);
-  return ok;
+  return open;
 }
 
-// A private mosquitto on a free loopback port, stopped by PID.
-class MosquittoBroker {
+// A file of this test process in the temporary folder (tests run in parallel).
+inline std::string scratch(const std::string& name) {
+  return testing::TempDir() + "tokard_" + std::to_string(::getpid()) + "_" + name;
+}
+inline std::string write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path) << text;
+  return path;
+}
+inline std::string read_file(const std::string& path) {
+  std::ifstream in(path);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// mosquitto with a configuration file (tests/support/mosquitto.conf unless
+// given) on `port`, logging verbosely to a file. `stop` asks, `kill` takes it
+// down without a goodbye to its clients; `start` brings it back on the port.
+class Broker {
  public:
-  explicit MosquittoBroker(int port = free_port()) : m_port(port) { start(); }
-  virtual ~MosquittoBroker() { stop(); }
-  MosquittoBroker(const MosquittoBroker&) = delete;
-  MosquittoBroker& operator=(const MosquittoBroker&) = delete;
+  explicit Broker(int port = free_port(), std::string config = TOKARD_TEST_MOSQUITTO_CONF, bool port_in_config = false)
+      : m_port(port), m_config(std::move(config)), m_port_in_config(port_in_config),
+        m_log(scratch("mosquitto_" + std::to_string(port) + ".log")) {
+    start();
+  }
+  virtual ~Broker() { stop(); }
+  Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
 
   int port() const { return m_port; }
+  pid_t pid() const { return m_pid; }
+  std::string log() const { return read_file(m_log); }
 
   void start() {
     if (m_pid > 0) {
       return;
     }
+    const std::string port = std::to_string(m_port);
     m_pid = ::fork();
     if (m_pid == 0) {
-      const std::string port = std::to_string(m_port);
-      ::freopen("/dev/null", "w", stdout);
-      ::freopen("/dev/null", "w", stderr);
-      ::execlp("mosquitto", "mosquitto", "-c", TOKARD_TEST_MOSQUITTO_CONF, "-p", port.c_str(),
-               static_cast<char*>(nullptr));
+      ::freopen(m_log.c_str(), "a", stdout);
+      ::dup2(STDOUT_FILENO, STDERR_FILENO);
+      ::execlp("mosquitto", "mosquitto", "-v", "-c", m_config.c_str(), m_port_in_config ? nullptr : "-p", port.c_str(),
+               nullptr);
       ::_exit(127);
     }
-    if (!wait_until([this] { return port_open(m_port); })) {
+    wait_until([this] {
+      if (::waitpid(m_pid, nullptr, WNOHANG) != 0) {
+        m_pid = -1;
+      }
+      return m_pid < 0 || port_open(m_port);
+    });
+    if (m_pid < 0 || !port_open(m_port)) {
       stop();
-      throw std::runtime_error("mosquitto did not come up on port " + std::to_string(m_port));
+      throw std::runtime_error("mosquitto did not come up on port " + port + ":\n" + log());
     }
   }
 
-  void stop() {
-    if (m_pid <= 0) {
-      return;
-    }
-    // A SIGTERM that lands before mosquitto has installed its handler is
-    // lost, so keep asking, and kill it after five seconds.
-    int status = 0;
-    for (int i = 0; i < 100; ++i) {
-      ::kill(m_pid, i < 50 ? SIGTERM : SIGKILL);
-      for (int j = 0; j < 10; ++j) {
-        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-          m_pid = -1;
-          return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    ::waitpid(m_pid, &status, 0);
-    m_pid = -1;
-  }
+  // A SIGTERM that lands before mosquitto has installed its handler is lost,
+  // so it is repeated, and SIGKILL follows after five seconds.
+  void stop() { end(SIGTERM); }
+  void kill() { end(SIGKILL); }
 
  private:
+  void end(int sig) {
+    for (int i = 0; m_pid > 0 && i < 100; ++i) {
+      ::kill(m_pid, i < 50 ? sig : SIGKILL);
+      if (wait_until([this] { return ::waitpid(m_pid, nullptr, WNOHANG) != 0; }, 100ms)) {
+        m_pid = -1;
+      }
+    }
+  }
+
   int m_port;
+  std::string m_config;
+  bool m_port_in_config;
+  std::string m_log;
   pid_t m_pid = -1;
 };
 

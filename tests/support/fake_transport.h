@@ -1,5 +1,8 @@
+// A transport that records subscriptions and publishes and hands messages to
+// the observers of a topic synchronously, as the delivery thread would.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,45 +12,37 @@
 
 namespace tokard::test {
 
-// Records what is done to the transport and delivers messages synchronously
-// to the observers of a topic.
 class FakeTransportClient : public ecu::lapi::com::ITransportClient {
  public:
+  using Message = ecu::lapi::com::Message;
+  using Observer = std::shared_ptr<ecu::lapi::com::ISubscriptionObserver>;
   struct Call {
-    std::string op;  // "subscribe" or "unsubscribe"
-    std::string topic;
+    std::string op, topic;  // op: "subscribe" or "unsubscribe"
     int qos;
-    std::shared_ptr<ecu::lapi::com::ISubscriptionObserver> observer;
+    const ecu::lapi::com::ISubscriptionObserver* observer;  // not owned: the log must not keep observers alive
   };
   struct Published {
     std::string topic;
-    ecu::lapi::com::Message msg;
+    Message msg;
   };
 
   bool connect() override { return connected = true; }
   void disconnect() override { connected = false; }
   bool is_connected() const override { return connected; }
-  bool publish(const std::string& topic, const ecu::lapi::com::Message& msg) override {
+  bool publish(const std::string& topic, const Message& msg) override {
     published.push_back({topic, msg});
     return true;
   }
   std::size_t subscription_count() const override { return observers.size(); }
-  bool subscribe(const std::string& topic, int qos,
-                 std::shared_ptr<ecu::lapi::com::ISubscriptionObserver> observer) override {
-    calls.push_back({"subscribe", topic, qos, observer});
+  bool subscribe(const std::string& topic, int qos, Observer observer) override {
+    calls.push_back({"subscribe", topic, qos, observer.get()});
     observers[topic].push_back(observer);
     return true;
   }
-  bool unsubscribe(const std::string& topic,
-                   std::shared_ptr<ecu::lapi::com::ISubscriptionObserver> observer) override {
-    calls.push_back({"unsubscribe", topic, 0, observer});
+  bool unsubscribe(const std::string& topic, Observer observer) override {
+    calls.push_back({"unsubscribe", topic, 0, observer.get()});
     auto& list = observers[topic];
-    for (auto it = list.begin(); it != list.end(); ++it) {
-      if (*it == observer) {
-        list.erase(it);
-        break;
-      }
-    }
+    list.erase(std::find(list.begin(), list.end(), observer));
     if (list.empty()) {
       observers.erase(topic);
     }
@@ -57,20 +52,21 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   bool is_running() const override { return running; }
   void start() override { running = true; }
   void stop() override { running = false; }
+  bool set_will(const std::string& topic, const Message& msg) override {
+    will = {topic, msg};
+    return true;
+  }
+  void on_connected(std::function<void()> callback) override { connected_callback = std::move(callback); }
 
-  // Hands `msg` to every observer of exactly `topic`, as the delivery would.
-  void deliver(const std::string& topic, const ecu::lapi::com::Message& msg) {
-    auto it = observers.find(topic);
-    if (it == observers.end()) {
-      return;
-    }
-    auto list = it->second;
-    for (auto& observer : list) {
+  // Hands `msg` to every observer of exactly `topic`.
+  void deliver(const std::string& topic, const Message& msg) {
+    const auto it = observers.find(topic);
+    const auto list = it == observers.end() ? std::vector<Observer>{} : it->second;
+    for (const auto& observer : list) {
       observer->message(topic, msg);
     }
   }
-
-  // "subscribe rt/ECU1" style summary of the recorded calls.
+  // "subscribe rt/ECU1" for each recorded call.
   std::vector<std::string> call_log() const {
     std::vector<std::string> out;
     for (const auto& c : calls) {
@@ -80,11 +76,12 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   }
 
   std::string id = "fake";
-  bool connected = false;
-  bool running = false;
+  Published will;
+  std::function<void()> connected_callback;
+  bool connected = false, running = false;
   std::vector<Call> calls;
   std::vector<Published> published;
-  std::map<std::string, std::vector<std::shared_ptr<ecu::lapi::com::ISubscriptionObserver>>> observers;
+  std::map<std::string, std::vector<Observer>> observers;
 };
 
 }  // namespace tokard::test

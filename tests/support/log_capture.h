@@ -1,8 +1,9 @@
+// Log lines as a test reads them, "<LEVEL> <module>: <text>": from the
+// in-process logger, or from the output of a running tokard.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,58 +12,57 @@
 
 namespace tokard::test {
 
-// Captures the log lines ("<LEVEL> <module>: <text>") written while it lives,
-// at the given level, with every module enabled.
+using Lines = std::vector<std::string>;
+
+inline Lines lines_of(const std::string& text) {
+  Lines out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    out.push_back(line);
+  }
+  return out;
+}
+
+// The lines that contain `part`.
+inline Lines matching(const Lines& lines, const std::string& part) {
+  Lines out;
+  for (const auto& line : lines) {
+    if (line.find(part) != std::string::npos) {
+      out.push_back(line);
+    }
+  }
+  return out;
+}
+
+// Captures the lines the process logs while it lives, at `level`, with every
+// module enabled.
 class LogCapture {
  public:
   explicit LogCapture(const std::string& level = "DEBUG") {
-    using namespace ecu::lapi::logging;
-    configure_logging(level);
-    enable("tokard", true);
-    enable("lapi", true);
-    set_log_mode(STDOUT);
+    namespace logging = ecu::lapi::logging;
+    logging::configure_logging(level);
+    logging::enable("tokard", true);
+    logging::enable("lapi", true);
+    logging::set_log_mode(logging::STDOUT);
     testing::internal::CaptureStdout();
   }
   virtual ~LogCapture() {
-    finish();
+    lines();
     ecu::lapi::logging::configure_logging("");
   }
 
-  const std::vector<std::string>& lines() {
-    finish();
+  const Lines& lines() {
+    if (!m_done) {
+      m_done = true;
+      m_lines = lines_of(testing::internal::GetCapturedStdout());
+    }
     return m_lines;
   }
-
-  bool has(const std::string& line) {
-    const auto& all = lines();
-    return std::find(all.begin(), all.end(), line) != all.end();
-  }
-
-  // Lines that contain `part`.
-  std::vector<std::string> matching(const std::string& part) {
-    std::vector<std::string> out;
-    for (const auto& line : lines()) {
-      if (line.find(part) != std::string::npos) {
-        out.push_back(line);
-      }
-    }
-    return out;
-  }
+  Lines matching(const std::string& part) { return test::matching(lines(), part); }
 
  private:
-  void finish() {
-    if (m_done) {
-      return;
-    }
-    m_done = true;
-    std::istringstream in(testing::internal::GetCapturedStdout());
-    for (std::string line; std::getline(in, line);) {
-      m_lines.push_back(line);
-    }
-  }
-
   bool m_done = false;
-  std::vector<std::string> m_lines;
+  Lines m_lines;
 };
 
 }  // namespace tokard::test

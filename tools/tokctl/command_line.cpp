@@ -18,8 +18,12 @@ const option kOptions[] = {
     {"wait", required_argument, nullptr, 'w'},
     {"timeout", required_argument, nullptr, 't'},
     {"group", required_argument, nullptr, 'g'},
+    {"username", required_argument, nullptr, 'u'},
+    {"password", required_argument, nullptr, 'P'},
     {"verbose", no_argument, nullptr, 'v'},
     {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {"json", no_argument, nullptr, 'j'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -28,8 +32,11 @@ struct CommandRule {
   std::size_t max_words;
   bool needs_client;
   bool needs_group;
-  std::set<char> allowed;  // options beyond -H, -p, -v, -h
+  std::set<char> allowed;  // options beyond kEveryCommand
 };
+
+// Options that apply to every command.
+const std::set<char> kEveryCommand{'H', 'p', 'u', 'P', 'v'};
 
 const std::map<std::string, CommandRule>& rules() {
   static const std::map<std::string, CommandRule> table{
@@ -38,6 +45,7 @@ const std::map<std::string, CommandRule>& rules() {
       {"release", {1, 1, true, false, {'c'}}},
       {"signal", {2, SIZE_MAX, false, true, {'g'}}},
       {"watch", {0, SIZE_MAX, false, false, {}}},
+      {"status", {0, SIZE_MAX, false, false, {'j', 't'}}},
   };
   return table;
 }
@@ -81,16 +89,23 @@ const char* long_name(char option) {
   return "?";
 }
 
+std::string from_environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
 }  // namespace
 
 Parsed parse_command_line(int argc, char** argv) {
   Parsed parsed;
   Options& options = parsed.options;
   std::set<char> given;
+  options.username = from_environment(kUsernameVariable);
+  options.password = from_environment(kPasswordVariable);
   optind = 1;
   opterr = 0;  // our own messages, one style
   for (;;) {
-    const int opt = getopt_long(argc, argv, ":H:p:c:w:t:g:vh", kOptions, nullptr);
+    const int opt = getopt_long(argc, argv, ":H:p:c:w:t:g:u:P:vhV", kOptions, nullptr);
     if (opt == -1) {
       break;
     }
@@ -113,9 +128,12 @@ Parsed parse_command_line(int argc, char** argv) {
       case 'w':
       case 't': {
         double seconds = 0;
-        if (!parse_seconds(optarg, seconds) || (opt == 't' && seconds == 0)) {
+        if (!parse_seconds(optarg, seconds)) {
           return fail(std::string("'") + optarg + "' is not a number of seconds for --" +
                       long_name(static_cast<char>(opt)));
+        }
+        if (opt == 't' && seconds == 0) {
+          return fail("--timeout must be more than 0 seconds");
         }
         (opt == 'w' ? options.wait_s : options.timeout_s) = seconds;
         break;
@@ -123,11 +141,23 @@ Parsed parse_command_line(int argc, char** argv) {
       case 'g':
         options.group = optarg;
         break;
+      case 'u':
+        options.username = optarg;
+        break;
+      case 'P':
+        options.password = optarg;
+        break;
       case 'v':
         options.verbose = true;
         break;
+      case 'j':
+        options.json = true;
+        break;
       case 'h':
         options.help = true;
+        break;
+      case 'V':
+        options.version = true;
         break;
       case ':':
         return fail(std::string("option ") + argv[optind - 1] + " needs a value");
@@ -138,7 +168,12 @@ Parsed parse_command_line(int argc, char** argv) {
         return fail(std::string("unknown option ") + argv[optind - 1]);
     }
   }
-  if (options.help) {
+  // "tokctl -h HOST ..." is a mosquitto_pub habit: never take it for a
+  // request for help that succeeds.
+  if (options.help && argc > 2) {
+    return fail("-h/--help takes nothing else; the broker host is given with -H HOST");
+  }
+  if (options.help || options.version) {
     parsed.ok = true;
     return parsed;
   }
@@ -154,13 +189,16 @@ Parsed parse_command_line(int argc, char** argv) {
   }
   const CommandRule& r = rule->second;
   for (char option : given) {
-    if (option != 'H' && option != 'p' && option != 'v' && r.allowed.count(option) == 0) {
+    if (kEveryCommand.count(option) == 0 && r.allowed.count(option) == 0) {
       return fail(std::string("--") + long_name(option) + " does not apply to " + options.command);
     }
   }
   if (options.words.size() < r.min_words) {
     return fail(options.command + (r.min_words == 1 ? " needs a TOPIC"
                                                     : " needs a TOPIC and at least one SIGNAL"));
+  }
+  if (r.min_words > 0 && options.words[0].empty()) {
+    return fail(options.command + " needs a TOPIC that is not empty");
   }
   if (options.words.size() > r.max_words) {
     return fail(options.command + " takes one TOPIC, not '" + options.words[1] + "' too");
@@ -197,6 +235,11 @@ const char* help_text() {
          "      Print the requests, answers and signal groups seen on the broker, one\n"
          "      line each with the time, until SIGINT or SIGTERM. Default topics:\n"
          "      system/tokard/request app/+/pgn/response rt/# rttx/#\n"
+         "      system/tokard/state system/tokard/status/+\n"
+         "  status [ECU...] [--json]\n"
+         "      Print whether tokard is online and, for every ECU (or those named), who\n"
+         "      holds its token, for how long, its generation, whether it is blocked\n"
+         "      and its topics. Exit status 0 while tokard is online, 4 otherwise.\n"
          "\n"
          "Options:\n"
          "  -H, --host HOST          broker host name or address (default: localhost)\n"
@@ -205,11 +248,18 @@ const char* help_text() {
          "  -w, --wait SECONDS       hold: how long to retry while the ECU is busy\n"
          "  -t, --timeout SECONDS    how long to wait for tokard's answer (default: 2)\n"
          "  -g, --group NAME         signal: the signal group's name\n"
+         "  -u, --username NAME      broker account (default: $TOKCTL_USERNAME, else none)\n"
+         "  -P, --password PASSWORD  its password (default: $TOKCTL_PASSWORD); the\n"
+         "                           variable keeps it out of the process list\n"
          "  -v, --verbose            log the client's own activity on standard error\n"
+         "  -j, --json               status: print one JSON document\n"
          "  -h, --help               show this help\n"
+         "  -V, --version            show tokctl's version\n"
          "\n"
          "Exit status: 0 acquired (or done), 1 usage or connection error,\n"
          "2 no ECU for the topic, 3 busy, 4 no answer from tokard.\n";
 }
+
+const char* version_text() { return "tokctl " TOKCTL_VERSION "\n"; }
 
 }  // namespace tokctl

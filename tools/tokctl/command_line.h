@@ -18,7 +18,7 @@ enum ExitStatus : int {
 };
 
 struct Options {
-  std::string command;             // acquire, hold, release, signal, watch
+  std::string command;             // acquire, hold, release, signal, watch, status
   std::vector<std::string> words;  // the command's arguments, in order
   std::string host = "localhost";
   int port = 1883;
@@ -26,9 +26,18 @@ struct Options {
   std::optional<double> wait_s;
   std::optional<double> timeout_s;
   std::string group;
+  std::string username;  // the broker account; empty: anonymous
+  std::string password;
   bool verbose = false;
   bool help = false;
+  bool version = false;
+  bool json = false;  // status: one JSON document instead of lines
 };
+
+// Where the broker login comes from when -u/-P are not given, so that a
+// password need not show in `ps`.
+constexpr const char* kUsernameVariable = "TOKCTL_USERNAME";
+constexpr const char* kPasswordVariable = "TOKCTL_PASSWORD";
 
 struct Parsed {
   bool ok = false;
@@ -40,5 +49,8 @@ Parsed parse_command_line(int argc, char** argv);
 
 // The help text, for standard output.
 const char* help_text();
+
+// "tokctl <version>", for standard output.
+const char* version_text();
 
 }  // namespace tokctl

@@ -10,5 +10,6 @@ int run_hold(const Options& options);
 int run_release(const Options& options);
 int run_signal(const Options& options);
 int run_watch(const Options& options);
+int run_status(const Options& options);
 
 }  // namespace tokctl

@@ -1,18 +1,17 @@
 #include "frames.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 
-#include "com/message_adapter.h"
-#include "ecu/pb/pgn.pb.h"
-#include "ecu/pb/rt.pb.h"
+#include "com/protocol.h"
+#include "status_view.h"
 
 namespace tokctl {
 namespace {
 
 using ecu::lapi::com::Message;
-using ecu::lapi::com::PbInternalMessageAdapter;
 using ecu::lapi::pb::PgnRequestTokenRequest;
 using ecu::lapi::pb::PgnRequestTokenResponse;
 using ecu::lapi::pb::RtSignalGroup;
@@ -68,7 +67,7 @@ std::string undecodable(const Message& msg, err::PbInternalDeserializationError 
 }
 
 std::string describe_request(const Message& msg) {
-  const auto decoded = PbInternalMessageAdapter<PgnRequestTokenRequest>().deserialize(msg);
+  const auto decoded = tokard::protocol::read<PgnRequestTokenRequest>(msg);
   if (!decoded.ok) {
     return undecodable(msg, decoded.error);
   }
@@ -89,7 +88,7 @@ std::string describe_request(const Message& msg) {
 }
 
 std::string describe_response(const Message& msg) {
-  const auto decoded = PbInternalMessageAdapter<PgnRequestTokenResponse>().deserialize(msg);
+  const auto decoded = tokard::protocol::read<PgnRequestTokenResponse>(msg);
   if (!decoded.ok) {
     return undecodable(msg, decoded.error);
   }
@@ -113,7 +112,7 @@ std::string describe_response(const Message& msg) {
 }
 
 std::string describe_group(const Message& msg) {
-  const auto decoded = PbInternalMessageAdapter<RtSignalGroup>().deserialize(msg);
+  const auto decoded = tokard::protocol::read<RtSignalGroup>(msg);
   if (!decoded.ok) {
     return undecodable(msg, decoded.error);
   }
@@ -126,15 +125,6 @@ std::string describe_group(const Message& msg) {
                std::to_string(signal.status());
   }
   return group.name() + (valid ? " valid" : " not valid") + signals;
-}
-
-bool starts_with(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool ends_with(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() &&
-         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 }  // namespace
@@ -175,28 +165,28 @@ bool parse_signal(const std::string& word, SignalSpec& out, std::string& error) 
   return true;
 }
 
-bool group_frame(const std::string& group, const std::vector<SignalSpec>& signals, Message& out) {
-  RtSignalGroup body;
-  body.set_name(group);
-  for (const auto& sig : signals) {
-    auto* signal = body.add_signals();
-    signal->set_name(sig.name);
-    signal->set_data(sig.data);
-    signal->set_status(sig.status);
-  }
-  auto [ok, msg] = PbInternalMessageAdapter<RtSignalGroup>().serialize(body);
-  out = std::move(msg);
-  return ok;
-}
-
 std::string describe(const std::string& topic, const Message& msg) {
-  if (topic == "system/tokard/request") {
+  namespace protocol = tokard::protocol;
+  if (topic == protocol::kRequestTopic) {
     return describe_request(msg);
   }
-  if (starts_with(topic, "app/") && ends_with(topic, "/pgn/response") && topic.size() > 17) {
+  if (protocol::is_response_topic(topic)) {
     return describe_response(msg);
   }
-  if (starts_with(topic, "rt/") || starts_with(topic, "rttx/")) {
+  if (topic == protocol::kStateTopic) {
+    return "tokard " + std::string(msg.payload.begin(), msg.payload.end());
+  }
+  if (protocol::starts_with(topic, protocol::kStatusPrefix)) {
+    const auto status = read_status(msg);
+    if (!status) {
+      return "undecodable status (" + std::to_string(msg.payload.size()) + " bytes)";
+    }
+    using namespace std::chrono;
+    return status_line(*status, static_cast<std::uint64_t>(duration_cast<milliseconds>(
+                                    system_clock::now().time_since_epoch())
+                                    .count()));
+  }
+  if (protocol::is_rt_topic(topic)) {
     return describe_group(msg);
   }
   const std::string bytes(msg.payload.begin(), msg.payload.end());

@@ -17,6 +17,10 @@ int main(int argc, char** argv) {
     std::cout << tokctl::help_text();
     return 0;
   }
+  if (options.version) {
+    std::cout << tokctl::version_text();
+    return 0;
+  }
 
   // The platform layer's warnings (a broker that refuses) belong on the
   // terminal, not in the system log under tokard's name.
@@ -38,6 +42,9 @@ int main(int argc, char** argv) {
   }
   if (options.command == "signal") {
     return tokctl::run_signal(options);
+  }
+  if (options.command == "status") {
+    return tokctl::run_status(options);
   }
   return tokctl::run_watch(options);
 }

@@ -33,6 +33,15 @@ enum class AcquireResult {
 // "acquired", "busy", "no ECU", "no answer".
 const char* to_string(AcquireResult result) noexcept;
 
+// Whether tokard serves, as it says on the broker ("system/tokard/state"):
+// Online after its connect, Offline after its stop or its death; Unknown
+// until the client has heard of it (or when the broker does not let the
+// client read it).
+enum class TokardState { Unknown, Online, Offline };
+
+// "unknown", "online", "offline".
+const char* to_string(TokardState state) noexcept;
+
 // Errors of connect() and release(), as std::error_code values.
 enum class ClientError {
   InvalidClientName = 1,  // empty, or contains '+', '#' or a NUL byte
@@ -61,6 +70,9 @@ struct ClientOptions {
   // The MQTT client id; empty picks "<client_name>-<pid>-<n>", unique on the
   // broker, so that several processes may use one client name.
   std::string mqtt_client_id{};
+  // The broker account; without a username the client connects anonymously.
+  std::string username{};
+  std::string password{};
 };
 
 class TokenClient {
@@ -119,6 +131,11 @@ class TokenClient {
   void interrupt();
 
   const std::string& client_name() const;
+
+  // tokard's availability as last heard. While it is Offline, acquire(),
+  // acquire_once() and wait_for_token() wait 300 ms for an answer (tokard
+  // may be starting again), not the whole answer time-out.
+  [[nodiscard]] TokardState tokard_state() const;
 
  private:
   class Impl;
