@@ -1,6 +1,7 @@
 // The token client library and tokctl against tokard on a private broker.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <future>
 #include <regex>
 
@@ -141,6 +142,12 @@ TEST_F(WithTokard, ClientWaitsForATokenUntilReleasedDeadlineOrInterrupt) {
     ASSERT_EQ(pending.wait_for(3s), std::future_status::ready);
     EXPECT_EQ(pending.get(), AcquireResult::Busy);
     EXPECT_EQ(waiter->acquire("rt/ECU3"), AcquireResult::NoAnswer) << "interrupted for good";
+    ASSERT_EQ(::kill(tokard->pid(), SIGSTOP), 0);  // a renewal nobody answers, interrupted
+    auto renewal = std::async(std::launch::async, [&] { return holder->acquire("rt/ECU2"); });
+    std::this_thread::sleep_for(300ms);
+    holder->interrupt();
+    EXPECT_EQ(renewal.get(), AcquireResult::NoAnswer) << "not the answer to the first request";
+    ::kill(tokard->pid(), SIGCONT);
   }
   // Both destroyed: every held token was given back.
   EXPECT_EQ(app.ask("rt/ECU1"), Response::ACQUIRED);
