@@ -18,7 +18,7 @@ class EcuListener {
   // a signal group that is not valid) or the request-active flag changed.
   // A renewal by the holder changes neither.
   virtual void token_changed(const Ecu& ecu) = 0;
-  // The change that caused the calls above is complete (a request answered,
+  // The change that caused the calls above is complete (a request decided,
   // a signal group handled): a listener that waits for that may act now.
   virtual void settle() = 0;
 };

@@ -75,7 +75,6 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
   switch (request.action()) {
     case PgnRequestTokenRequest::ACQUIRE:
       action_acquire(request);
-      m_ecu_container.settle();  // after the answer, which must not wait for it
       break;
     case PgnRequestTokenRequest::RELEASE:
       action_release(request);
@@ -112,6 +111,11 @@ void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
     result = PgnRequestTokenResponse::BUSY;
   }
   response.set_result(result);
+  // The new state goes out before the answer. The broker handles one
+  // connection's messages in order, so a client holding its answer knows the
+  // broker has the state too, and a tokard killed right after answering still
+  // finds the grant when it starts again.
+  m_ecu_container.settle();
   send_response(response_topic, std::move(response));
 }
 

@@ -14,7 +14,8 @@ namespace tokard {
 // that operators see who holds which token and a restarted tokard can take
 // the tokens back. Publishes when a record is created, gains a topic, gets a
 // new holder, is freed, or is blocked or unblocked; a renewal publishes
-// nothing. What changed during a request is published once it is answered.
+// nothing. What changed during a request is published once it is decided,
+// just before the answer.
 class StatusPublisher : public EcuListener {
  public:
   StatusPublisher(std::shared_ptr<ecu::lapi::com::ITransportClient> client, std::string boot_id);

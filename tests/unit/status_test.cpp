@@ -25,9 +25,11 @@ TEST(AStatusReadback, HoldsRequestsUntilItsMarkerReturnsThenDecidesThemOnTheRest
   readback.remind();
   ASSERT_EQ(fake->published.size(), 2u) << "the marker, and again in case the broker dropped it";
   fake->deliver(protocol::kReadbackTopic, fake->published[0].msg);
+  fake->deliver(protocol::kRequestTopic, protocol::request_frame(protocol::Request::ACQUIRE, "rt/E2", "C"));
   std::vector<std::string> topics;
   std::transform(fake->published.begin(), fake->published.end(), std::back_inserter(topics), [](auto& p) { return p.topic; });
-  EXPECT_EQ(topics, (std::vector<std::string>{"system/tokard/readback", "system/tokard/readback", "system/tokard/status/E1", "app/B/pgn/response"}));
+  EXPECT_EQ(topics, (std::vector<std::string>{"system/tokard/readback", "system/tokard/readback", "system/tokard/status/E1", "app/B/pgn/response",
+                                               "system/tokard/status/E2", "app/C/pgn/response"}));
   const auto restored = protocol::read<pb::TokenStatus>(fake->published[2].msg);
   EXPECT_EQ(restored.value.SerializeAsString(), status.SerializeAsString());
   EXPECT_EQ(protocol::read<protocol::Response>(fake->published[3].msg).value.result(), protocol::Response::BUSY);
