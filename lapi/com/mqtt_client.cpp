@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
+#include <netdb.h>
+#include <sys/socket.h>
 #include <system_error>
 
 #include "lapi/logging/logging.h"
@@ -337,8 +339,8 @@ bool MqttClient::attempt_connect() {
     std::lock_guard<std::mutex> lock(m_socket_mutex);
     // Non-blocking: the TCP handshake completes in the network loop, which
     // keeps noticing `stop` even when the broker never answers.
-    const int rc =
-        mosquitto_connect_async(m_handle.get(), m_host.c_str(), m_port, m_options.keepalive_s);
+    const int rc = mosquitto_connect_async(m_handle.get(), next_address().c_str(), m_port,
+                                           m_options.keepalive_s);
     if (rc == MOSQ_ERR_SUCCESS) {
       return true;
     }
@@ -363,7 +365,36 @@ void MqttClient::after_loop_error(int rc) {
   retry_later(failure);
 }
 
+const std::string& MqttClient::next_address() {
+  if (m_next_address == 0) {
+    m_addresses.clear();
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(m_host.c_str(), nullptr, &hints, &found) == 0) {
+      for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+        char text[NI_MAXHOST];
+        if (getnameinfo(a->ai_addr, a->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0 &&
+            std::find(m_addresses.begin(), m_addresses.end(), text) == m_addresses.end()) {
+          m_addresses.emplace_back(text);
+        }
+      }
+      freeaddrinfo(found);
+    }
+    if (m_addresses.empty()) {
+      m_addresses.push_back(m_host);  // libmosquitto then says why it cannot connect
+    }
+  }
+  return m_addresses[m_next_address];
+}
+
 void MqttClient::retry_later(const std::string& failure) {
+  // The next address of this round is tried at once; the back-off starts
+  // when every address has failed.
+  if (!failure.empty() && ++m_next_address < m_addresses.size()) {
+    return;
+  }
+  m_next_address = 0;
   const auto delay = m_retry_delay;
   if (failure.empty()) {
     LAPI_LOG(INFO, g_log) << "reconnecting to " << where() << " in " << delay.count() << " ms";
@@ -428,6 +459,7 @@ void MqttClient::connected(int rc) {
   }
   m_session_up = true;
   m_failed_attempts = 0;
+  m_next_address = 0;
   m_retry_delay = m_options.first_retry;
   std::size_t count = 0;
   {

@@ -172,6 +172,9 @@ class MqttClient : public ITransportClient {
   bool attempt_connect();
   void after_loop_error(int rc);
   void retry_later(const std::string& reason);
+  // The address of the broker to try next, resolving its name at the start
+  // of a round; the name itself when it does not resolve.
+  const std::string& next_address();
   // Sleeps up to `limit`; `stop`, `connect` and `disconnect` cut it short.
   void pause(std::chrono::milliseconds limit);
   void wake();
@@ -261,6 +264,12 @@ class MqttClient : public ITransportClient {
     std::vector<ObserverPtr> observers;
   };
   Delivery m_delivery;
+  // The broker's addresses of the current round of attempts, and the one
+  // being tried: libmosquitto's non-blocking connect tries only the first
+  // address of a name, which for "localhost" may be ::1 while the broker
+  // listens on 127.0.0.1 only.
+  std::vector<std::string> m_addresses;
+  std::size_t m_next_address = 0;
   std::chrono::milliseconds m_retry_delay;
   int m_failed_attempts = 0;
   bool m_session_up = false;  // CONNACK accepted on the current socket
