@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages tokard needs, only when some are missing.
-# Usage: scripts/deps.sh run|test|bench
+# Usage: scripts/deps.sh run|test|bench|vm
 set -euo pipefail
 
 # mosquitto-clients: the README's example session talks to tokard with
@@ -13,6 +13,9 @@ if [ "${1:-run}" = test ]; then
 fi
 if [ "${1:-run}" = bench ]; then
   packages+=(libbenchmark-dev valgrind gnuplot-nox)
+fi
+if [ "${1:-run}" = vm ]; then
+  packages+=(debootstrap qemu-system-x86 e2fsprogs)
 fi
 
 missing=()

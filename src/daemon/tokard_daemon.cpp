@@ -55,7 +55,13 @@ TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& conf
                          std::shared_ptr<ecu::lapi::com::ITransportClient>& client)
     : m_running(false), m_client(client), m_handler(client), m_availability(client) {
   if (token_status_wanted(config)) {
-    m_status = std::make_shared<StatusPublisher>(client, read_boot_id());
+    const std::string boot_id = read_boot_id();
+    if (boot_id.empty()) {
+      LAPI_LOG(WARNING, ecu::lapi::logging::module("tokard.status"))
+          << "No boot id readable in /proc/sys/kernel/random: after a restart every token "
+             "comes back free";
+    }
+    m_status = std::make_shared<StatusPublisher>(client, boot_id);
     m_handler.ecu_container().set_listener(m_status);
     m_readback = std::make_unique<StatusReadback>(client, m_handler, m_status,
                                                   StatusReadback::Clock::now());
