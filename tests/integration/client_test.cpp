@@ -124,6 +124,13 @@ TEST_F(WithTokard, ClientRenewsItsTokenUntilReleasedAndReportsItsLoss) {
 
 TEST_F(WithTokard, ClientWaitsForATokenUntilReleasedDeadlineOrInterrupt) {
   {
+    auto patient = options("patient");
+    patient.answer_timeout = 30s;
+    TokenClient asker(patient);
+    ASSERT_FALSE(asker.connect());
+    const auto asked = Clock::now();
+    EXPECT_EQ(asker.acquire_once("rt/ECU4"), AcquireResult::Acquired);
+    EXPECT_LT(Clock::now() - asked, 10s) << "returns with the answer, not at the time-out";
     auto holder = connected("holder");
     ASSERT_EQ(holder->acquire("rt/ECU1"), AcquireResult::Acquired);
     ASSERT_EQ(holder->acquire("rt/ECU2"), AcquireResult::Acquired);

@@ -95,6 +95,7 @@ TEST_F(AnMqttClient, DeliversOncePerObserverWithWildcardsAndLetsObserversSubscri
 
   EXPECT_TRUE(client->unsubscribe("t/pair", a));
   EXPECT_FALSE(client->unsubscribe("t/pair", a));
+  EXPECT_FALSE(client->unsubscribe("t/never", a));
   EXPECT_TRUE(client->unsubscribe("t/pair", b));
   EXPECT_EQ(client->subscription_count(), 4u);  // t/+/x, t/1/x, t/go, t/late
   client->publish("t/pair", text("gone"));

@@ -2,6 +2,7 @@
 // log line of each header check.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <new>
 
 #include "com/protocol.h"
@@ -44,6 +45,9 @@ TEST(AFrame, HasTheGoldenBytesAndDecodesBackToTheRequest) {
   trailing.insert(trailing.end(), {0xde, 0xad});  // bytes past the declared body are ignored
   const auto back = protocol::read<Request>(golden(1, 18, 17, trailing));
   ASSERT_TRUE(back.ok);
+  Message reordered = golden(1, 18, 17, kAcquireBody);  // time before length: read by the parser
+  std::rotate(reordered.payload.begin(), reordered.payload.begin() + 9, reordered.payload.begin() + 18);
+  EXPECT_TRUE(protocol::read<Request>(reordered).ok);
   EXPECT_EQ(back.error, err::NO_ERROR);
   EXPECT_EQ(back.value.SerializeAsString(), std::string(kAcquireBody.begin(), kAcquireBody.end()));
 
