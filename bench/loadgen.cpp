@@ -60,11 +60,11 @@ struct Options {
   int port = 1883;
   int clients = 1;
   int ecus = 1;
-  long requests = 0;       // measured requests in all (count mode)
-  double seconds = 0;      // measured time (duration mode)
+  long requests = 0;   // measured requests in all (count mode)
+  double seconds = 0;  // measured time (duration mode)
   long warmup_ms = 0;
   long timeout_ms = 2000;
-  double limit_s = 120;    // hard bound on the whole run
+  double limit_s = 120;  // hard bound on the whole run
   std::string rtt_file;
   std::string prefix;
   bool mix = false;  // a release after every answer
@@ -97,10 +97,10 @@ struct Client {
   bool outstanding = false;
   bool measured = false;
   Clock::time_point sent_at;
-  std::string topic;  // request_topic of the outstanding request
-  int stale = 0;      // requests given up whose answer may still come
+  std::string topic;         // request_topic of the outstanding request
+  int stale = 0;             // requests given up whose answer may still come
   bool release_due = false;  // mix: the last acquire's topic is to be released
-  int unacked = 0;    // publishes without their PUBACK yet
+  int unacked = 0;           // publishes without their PUBACK yet
   Totals* totals = nullptr;
 };
 
@@ -134,7 +134,9 @@ void on_subscribe(mosquitto* /*handle*/, void* self, int /*mid*/, int /*count*/,
   static_cast<Client*>(self)->subscribed = true;
 }
 
-void on_publish(mosquitto* /*handle*/, void* self, int /*mid*/) { --static_cast<Client*>(self)->unacked; }
+void on_publish(mosquitto* /*handle*/, void* self, int /*mid*/) {
+  --static_cast<Client*>(self)->unacked;
+}
 
 void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg) {
   const Clock::time_point now = Clock::now();
@@ -159,7 +161,8 @@ void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg)
     return;
   }
   ++totals.answered;
-  totals.rtt_ns.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(now - client->sent_at).count());
+  totals.rtt_ns.push_back(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(now - client->sent_at).count());
 
   ecu::lapi::com::Message frame;
   const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
@@ -173,9 +176,9 @@ void on_message(mosquitto* /*handle*/, void* self, const mosquitto_message* msg)
 }
 
 bool publish(Client& client, const tokard::protocol::Message& frame) {
-  const int rc = mosquitto_publish(client.handle, nullptr, kRequestTopic,
-                                   static_cast<int>(frame.payload.size()), frame.payload.data(), 1,
-                                   false);
+  const int rc =
+      mosquitto_publish(client.handle, nullptr, kRequestTopic,
+                        static_cast<int>(frame.payload.size()), frame.payload.data(), 1, false);
   if (rc != MOSQ_ERR_SUCCESS) {
     std::fprintf(stderr, "loadgen: %s cannot publish: %s\n", client.name.c_str(),
                  mosquitto_strerror(rc));
@@ -191,7 +194,8 @@ bool send_release(Client& client) {
     return true;
   }
   client.release_due = false;
-  const auto frame = tokard::protocol::request_frame(PgnRequestTokenRequest::RELEASE, client.topic, client.name);
+  const auto frame =
+      tokard::protocol::request_frame(PgnRequestTokenRequest::RELEASE, client.topic, client.name);
   if (frame.payload.empty() || !publish(client, frame)) {
     return false;
   }
@@ -214,9 +218,11 @@ bool send_request(Client& client, const Options& options, Clock::time_point meas
     return false;
   }
   const std::uint64_t k = client.next++;
-  client.topic = std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(ecu_of(client, options, k));
+  client.topic =
+      std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(ecu_of(client, options, k));
 
-  const auto frame = tokard::protocol::request_frame(PgnRequestTokenRequest::ACQUIRE, client.topic, client.name);
+  const auto frame =
+      tokard::protocol::request_frame(PgnRequestTokenRequest::ACQUIRE, client.topic, client.name);
   if (frame.payload.empty()) {
     return false;
   }
@@ -297,12 +303,24 @@ int main(int argc, char** argv) {
   int opt = 0;
   while ((opt = getopt(argc, argv, "h:p:c:e:n:d:m:w:t:T:o:x:PG:")) != -1) {
     switch (opt) {
-      case 'h': options.host = optarg; break;
-      case 'p': options.port = std::atoi(optarg); break;
-      case 'c': options.clients = std::atoi(optarg); break;
-      case 'e': options.ecus = std::atoi(optarg); break;
-      case 'n': options.requests = std::atol(optarg); break;
-      case 'd': options.seconds = std::atof(optarg); break;
+      case 'h':
+        options.host = optarg;
+        break;
+      case 'p':
+        options.port = std::atoi(optarg);
+        break;
+      case 'c':
+        options.clients = std::atoi(optarg);
+        break;
+      case 'e':
+        options.ecus = std::atoi(optarg);
+        break;
+      case 'n':
+        options.requests = std::atol(optarg);
+        break;
+      case 'd':
+        options.seconds = std::atof(optarg);
+        break;
       case 'm':
         if (std::strcmp(optarg, "mix") != 0 && std::strcmp(optarg, "acquire") != 0) {
           usage(argv[0]);
@@ -310,16 +328,30 @@ int main(int argc, char** argv) {
         }
         options.mix = std::strcmp(optarg, "mix") == 0;
         break;
-      case 'w': options.warmup_ms = std::atol(optarg); break;
-      case 't': options.timeout_ms = std::atol(optarg); break;
-      case 'T': options.limit_s = std::atof(optarg); break;
-      case 'o': options.rtt_file = optarg; break;
-      case 'x': options.prefix = optarg; break;
+      case 'w':
+        options.warmup_ms = std::atol(optarg);
+        break;
+      case 't':
+        options.timeout_ms = std::atol(optarg);
+        break;
+      case 'T':
+        options.limit_s = std::atof(optarg);
+        break;
+      case 'o':
+        options.rtt_file = optarg;
+        break;
+      case 'x':
+        options.prefix = optarg;
+        break;
       case 'G': {
         const std::string bytes("\x05\x1a\x00\xff", 4);
         const auto frame = tokard::protocol::group_frame(
-            "EngineState", {{"Speed", bytes, static_cast<std::uint32_t>(std::atol(optarg))}, {"Torque", bytes, 0}});
-        return std::fwrite(frame.payload.data(), 1, frame.payload.size(), stdout) == frame.payload.size() ? 0 : 2;
+            "EngineState", {{"Speed", bytes, static_cast<std::uint32_t>(std::atol(optarg))},
+                            {"Torque", bytes, 0}});
+        return std::fwrite(frame.payload.data(), 1, frame.payload.size(), stdout) ==
+                       frame.payload.size()
+                   ? 0
+                   : 2;
       }
       case 'P': {
         const int port = free_port();
@@ -363,7 +395,8 @@ int main(int argc, char** argv) {
     mosquitto_subscribe_callback_set(client.handle, on_subscribe);
     mosquitto_publish_callback_set(client.handle, on_publish);
     mosquitto_message_callback_set(client.handle, on_message);
-    const int rc = mosquitto_connect(client.handle, options.host.c_str(), options.port, kKeepaliveS);
+    const int rc =
+        mosquitto_connect(client.handle, options.host.c_str(), options.port, kKeepaliveS);
     if (rc != MOSQ_ERR_SUCCESS) {
       std::fprintf(stderr, "loadgen: cannot connect to %s:%d: %s\n", options.host.c_str(),
                    options.port, mosquitto_strerror(rc));
@@ -373,7 +406,8 @@ int main(int argc, char** argv) {
 
   std::vector<pollfd> fds(clients.size());
   const Clock::time_point connect_deadline = Clock::now() + std::chrono::seconds(10);
-  while (!std::all_of(clients.begin(), clients.end(), [](const Client& c) { return c.subscribed; })) {
+  while (
+      !std::all_of(clients.begin(), clients.end(), [](const Client& c) { return c.subscribed; })) {
     if (!pump(clients, fds, 10) || Clock::now() > connect_deadline) {
       std::fprintf(stderr, "loadgen: clients not subscribed within 10 s\n");
       return 2;
@@ -386,8 +420,8 @@ int main(int argc, char** argv) {
       count_mode ? Clock::time_point::max()
                  : measure_from + std::chrono::duration_cast<Clock::duration>(
                                       std::chrono::duration<double>(options.seconds));
-  const Clock::time_point hard_limit =
-      start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.limit_s));
+  const Clock::time_point hard_limit = start + std::chrono::duration_cast<Clock::duration>(
+                                                   std::chrono::duration<double>(options.limit_s));
   const auto timeout = std::chrono::milliseconds(options.timeout_ms);
   Clock::time_point last_misc = start;
   bool aborted = false;
@@ -402,7 +436,8 @@ int main(int argc, char** argv) {
         ++client.stale;
         ++(client.measured ? totals.lost : totals.warmup_lost);
       }
-      const bool may_send = now < measure_until && (now < measure_from || !count_mode || client.quota > 0);
+      const bool may_send =
+          now < measure_until && (now < measure_from || !count_mode || client.quota > 0);
       if (!client.outstanding && may_send && !client.failed) {
         if (!send_request(client, options, measure_from)) {
           client.failed = true;
@@ -485,8 +520,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  std::printf("loadgen: %d clients, %d ECUs, broker %s:%d, %s mode%s\n", options.clients, options.ecus,
-              options.host.c_str(), options.port, options.mix ? "mix" : "acquire",
+  std::printf("loadgen: %d clients, %d ECUs, broker %s:%d, %s mode%s\n", options.clients,
+              options.ecus, options.host.c_str(), options.port, options.mix ? "mix" : "acquire",
               aborted ? ", ABORTED" : "");
   std::printf("requests    %ld (warm-up %ld more, %ld of them lost)\n", totals.requests,
               totals.warmup_sent, totals.warmup_lost);
@@ -496,9 +531,11 @@ int main(int argc, char** argv) {
   std::printf("answers/s   %.1f over %.2f s\n", rate, elapsed);
   std::printf("round trip  p50 %.1f us  p90 %.1f us  p99 %.1f us  max %.1f us\n", p50, p90, p99,
               max);
-  std::printf("results     ACQUIRED %ld  BUSY %ld  NO_ECU %ld  other %ld  (request_topic not echoed: %ld)\n",
-              totals.results[3], totals.results[4], totals.results[2], totals.results[0],
-              totals.mismatched);
+  std::printf(
+      "results     ACQUIRED %ld  BUSY %ld  NO_ECU %ld  other %ld  (request_topic not echoed: "
+      "%ld)\n",
+      totals.results[3], totals.results[4], totals.results[2], totals.results[0],
+      totals.mismatched);
   std::printf("releases    %ld\n", totals.releases);
   std::printf(
       "RESULT clients=%d ecus=%d requests=%ld answered=%ld lost=%ld lost_total=%ld rate=%.1f "

@@ -36,7 +36,9 @@ using ecu::lapi::pb::PgnRequestTokenResponse;
 using tokard::protocol::kRequestTopic;
 const std::string kEcuTopic = std::string(tokard::protocol::kRtPrefix) + "ECU1";
 // An ECU topic for the i-th ECU.
-std::string ecu_topic(std::size_t i) { return std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(i); }
+std::string ecu_topic(std::size_t i) {
+  return std::string(tokard::protocol::kRtPrefix) + "ECU" + std::to_string(i);
+}
 constexpr const char* kGroupJson =
     R"({"groups": [{"topic": "rt/ECU1", "name": "EngineState", "signals": ["Speed"]}]})";
 
@@ -202,7 +204,9 @@ BENCHMARK(BM_AcquireRefusedRequestActive);
 // --- topics and the container ----------------------------------------------
 
 void BM_TopicParse(benchmark::State& state) {
-  const std::string topic = state.range(0) == 0 ? kEcuTopic : std::string(tokard::protocol::kRtPrefix) + "bus0/segment/ECU12345";
+  const std::string topic =
+      state.range(0) == 0 ? kEcuTopic
+                          : std::string(tokard::protocol::kRtPrefix) + "bus0/segment/ECU12345";
   for (auto _ : state) {
     auto outcome = tokard::utils::ecu_from_topic(topic);
     benchmark::DoNotOptimize(outcome);

@@ -69,8 +69,8 @@ void on_subscribe(mosquitto* /*handle*/, void* /*self*/, int /*mid*/, int /*coun
 
 void on_message(mosquitto* handle, void* self, const mosquitto_message* msg) {
   auto* responder = static_cast<Responder*>(self);
-  const std::string name =
-      client_name(static_cast<const std::uint8_t*>(msg->payload), static_cast<std::size_t>(msg->payloadlen));
+  const std::string name = client_name(static_cast<const std::uint8_t*>(msg->payload),
+                                       static_cast<std::size_t>(msg->payloadlen));
   if (name.empty()) {
     return;
   }

@@ -200,8 +200,7 @@ class TokenClient::Impl {
     return {};
   }
 
-  AcquireResult acquire(const std::string& topic, bool keep,
-                        std::chrono::milliseconds timeout) {
+  AcquireResult acquire(const std::string& topic, bool keep, std::chrono::milliseconds timeout) {
     if (topic.empty()) {
       return AcquireResult::NoEcu;
     }
@@ -227,9 +226,9 @@ class TokenClient::Impl {
     // While tokard says it is offline (also when that arrives meanwhile), it
     // gets a moment to come back, not the whole time-out.
     bool answered = done();
-    for (auto limit = asked + timeout; !answered && Clock::now() < limit;
-         answered = done()) {
-      limit = asked + (m_state == TokardState::Offline ? std::min(timeout, kOfflineGrace) : timeout);
+    for (auto limit = asked + timeout; !answered && Clock::now() < limit; answered = done()) {
+      limit =
+          asked + (m_state == TokardState::Offline ? std::min(timeout, kOfflineGrace) : timeout);
       m_answered.wait_until(lock, limit);
     }
     if (--m_pending[topic] == 0) {
@@ -520,9 +519,7 @@ std::error_code TokenClient::release(const std::string& topic) { return m_impl->
 
 bool TokenClient::holds(const std::string& topic) const { return m_impl->holds(topic); }
 
-void TokenClient::on_token_lost(LostHandler handler) {
-  m_impl->on_token_lost(std::move(handler));
-}
+void TokenClient::on_token_lost(LostHandler handler) { m_impl->on_token_lost(std::move(handler)); }
 
 void TokenClient::interrupt() { m_impl->interrupt(); }
 

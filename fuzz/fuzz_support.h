@@ -59,10 +59,10 @@ inline protocol::Message to_message(const std::uint8_t* data, std::size_t size) 
 }  // namespace tokard::fuzz
 
 // Aborts, so libFuzzer saves the input as a crash reproducer.
-#define TOKARD_FUZZ_CHECK(condition)                                        \
-  do {                                                                      \
-    if (!(condition)) {                                                     \
+#define TOKARD_FUZZ_CHECK(condition)                                      \
+  do {                                                                    \
+    if (!(condition)) {                                                   \
       std::fprintf(stderr, "tokard fuzz check failed: %s\n", #condition); \
-      std::abort();                                                         \
-    }                                                                       \
+      std::abort();                                                       \
+    }                                                                     \
   } while (false)

@@ -23,15 +23,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const auto request = protocol::read<protocol::Request>(msg);
   const bool answered = request.ok && !request.value.client_name().empty() &&
-                        !request.value.request_topic().empty() && request.value.action() == protocol::Request::ACQUIRE;
+                        !request.value.request_topic().empty() &&
+                        request.value.action() == protocol::Request::ACQUIRE;
   TOKARD_FUZZ_CHECK(transport->published.size() == (answered ? 2u : 0u));
   for (const auto& sent : transport->published) {
     TOKARD_FUZZ_CHECK(sent.topic == protocol::response_topic(request.value.client_name()));
     const auto response = protocol::read<protocol::Response>(sent.msg);
-    TOKARD_FUZZ_CHECK(response.ok && response.value.request_topic() == request.value.request_topic());
-    TOKARD_FUZZ_CHECK(response.value.result() == (tokard::utils::ecu_from_topic(request.value.request_topic()).ok
-                                                      ? protocol::Response::ACQUIRED
-                                                      : protocol::Response::NO_ECU));
+    TOKARD_FUZZ_CHECK(response.ok &&
+                      response.value.request_topic() == request.value.request_topic());
+    TOKARD_FUZZ_CHECK(response.value.result() ==
+                      (tokard::utils::ecu_from_topic(request.value.request_topic()).ok
+                           ? protocol::Response::ACQUIRED
+                           : protocol::Response::NO_ECU));
   }
   return 0;
 }

@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   (void)ecu.acquire_token("holder");
   ecu.message(topic, msg);
   if (!result.success) {
-    TOKARD_FUZZ_CHECK(result.group.signals().empty() && !ecu.request_active() && ecu.holder() == "holder");
+    TOKARD_FUZZ_CHECK(result.group.signals().empty() && !ecu.request_active() &&
+                      ecu.holder() == "holder");
     return 0;
   }
   TOKARD_FUZZ_CHECK(choice < 4);

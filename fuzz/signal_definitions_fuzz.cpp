@@ -14,6 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
   const bool loaded = adapter.load(input, "fuzz input");
   TOKARD_FUZZ_CHECK(loaded || adapter.group_count() == 0);
-  (void)adapter.unpack("rt/ECU1", tokard::protocol::group_frame("EngineState", {{"Speed", "abcd", 0}}));
+  (void)adapter.unpack("rt/ECU1",
+                       tokard::protocol::group_frame("EngineState", {{"Speed", "abcd", 0}}));
   return 0;
 }

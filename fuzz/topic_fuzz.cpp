@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string topic(reinterpret_cast<const char*>(data), size);
   const auto result = tokard::utils::ecu_from_topic(topic);
-  const std::string part = topic.substr(topic.rfind('/') == std::string::npos ? 0 : topic.rfind('/') + 1);
+  const std::string part =
+      topic.substr(topic.rfind('/') == std::string::npos ? 0 : topic.rfind('/') + 1);
   if (!tokard::protocol::is_rt_topic(topic) || part.empty()) {
     TOKARD_FUZZ_CHECK(!result.ok && result.value.empty() && !result.error.empty());
     return 0;

@@ -9,7 +9,7 @@ set -euo pipefail
 packages=(g++ make cmake pkg-config git mosquitto mosquitto-clients libmosquitto-dev protobuf-compiler
           libprotobuf-dev libsystemd-dev nlohmann-json3-dev)
 if [ "${1:-run}" = test ]; then
-  packages+=(libgtest-dev libgmock-dev googletest clang-14 libclang-rt-14-dev llvm-14)
+  packages+=(libgtest-dev libgmock-dev googletest clang-format-14 clang-14 libclang-rt-14-dev llvm-14)
 fi
 if [ "${1:-run}" = bench ]; then
   packages+=(libbenchmark-dev valgrind gnuplot-nox)

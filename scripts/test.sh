@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds with warnings as errors, and runs every
-# unit and integration test through ctest.
+# Installs what is missing, checks the formatting, builds with warnings as
+# errors, and runs every unit and integration test through ctest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh test
+scripts/format.sh --check
 scripts/build.sh test
 ctest --preset test
 

@@ -47,13 +47,20 @@ enum class FrameCheck {
 
 inline const char* to_string(FrameCheck check) {
   switch (check) {
-    case FrameCheck::Ok: return "ok";
-    case FrameCheck::Empty: return "empty payload";
-    case FrameCheck::Short: return "shorter than a header";
-    case FrameCheck::HeaderUndecoded: return "header does not decode";
-    case FrameCheck::ProtocolNotUsed: return "protocol type 0";
-    case FrameCheck::HeaderLength: return "header length not 18";
-    case FrameCheck::BodyOutside: return "body runs past the payload";
+    case FrameCheck::Ok:
+      return "ok";
+    case FrameCheck::Empty:
+      return "empty payload";
+    case FrameCheck::Short:
+      return "shorter than a header";
+    case FrameCheck::HeaderUndecoded:
+      return "header does not decode";
+    case FrameCheck::ProtocolNotUsed:
+      return "protocol type 0";
+    case FrameCheck::HeaderLength:
+      return "header length not 18";
+    case FrameCheck::BodyOutside:
+      return "body runs past the payload";
   }
   return "?";
 }

@@ -1,11 +1,11 @@
 #include "lapi/com/mqtt_client.h"
 
+#include <netdb.h>
+#include <sys/socket.h>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <netdb.h>
-#include <sys/socket.h>
 #include <system_error>
 
 #include "lapi/logging/logging.h"
@@ -294,7 +294,9 @@ bool MqttClient::set_will(const std::string& topic, const Message& msg) {
   return rc == MOSQ_ERR_SUCCESS;
 }
 
-void MqttClient::on_connected(std::function<void()> callback) { m_on_connected = std::move(callback); }
+void MqttClient::on_connected(std::function<void()> callback) {
+  m_on_connected = std::move(callback);
+}
 
 void MqttClient::run() {
   m_loop_thread = std::this_thread::get_id();
@@ -374,7 +376,8 @@ const std::string& MqttClient::next_address() {
     if (getaddrinfo(m_host.c_str(), nullptr, &hints, &found) == 0) {
       for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
         char text[NI_MAXHOST];
-        if (getnameinfo(a->ai_addr, a->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0 &&
+        if (getnameinfo(a->ai_addr, a->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) ==
+                0 &&
             std::find(m_addresses.begin(), m_addresses.end(), text) == m_addresses.end()) {
           m_addresses.emplace_back(text);
         }

@@ -242,8 +242,8 @@ class MqttClient : public ITransportClient {
   std::mutex m_socket_mutex;
 
   std::function<void()> m_on_connected;
-  Unacked m_unacked_publishes;      // kept by libmosquitto across reconnects
-  Unacked m_unacked_unsubscribes;   // lost with the connection
+  Unacked m_unacked_publishes;           // kept by libmosquitto across reconnects
+  Unacked m_unacked_unsubscribes;        // lost with the connection
   std::atomic<bool> m_connected{false};  // CONNACK accepted, not lost since
   std::atomic<bool> m_want_connection{false};
   std::atomic<bool> m_stop_requested{false};
@@ -275,8 +275,8 @@ class MqttClient : public ITransportClient {
   bool m_session_up = false;  // CONNACK accepted on the current socket
   std::string m_refusal;      // why the broker refused the current attempt
   bool m_disconnect_sent = false;
-  std::vector<int> m_awaited_subacks;  // SUBSCRIBEs of the current connect
-  bool m_ready_pending = false;        // connect callback not run yet
+  std::vector<int> m_awaited_subacks;                 // SUBSCRIBEs of the current connect
+  bool m_ready_pending = false;                       // connect callback not run yet
   std::chrono::steady_clock::time_point m_lost_at{};  // set while a lost connection is down
   bool m_closing = false;  // the destructor drives the network; no more deliveries
 };

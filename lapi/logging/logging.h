@@ -120,13 +120,13 @@ class LogStream {
 
 // A statement on a module (a LogModulePtr); the operands are evaluated only
 // when the statement is admitted.
-#define LAPI_LOG(level, mod)                                                       \
+#define LAPI_LOG(level, mod)                                                     \
   if (!::ecu::lapi::logging::admits(::ecu::lapi::logging::level, (mod).get())) { \
-  } else                                                                           \
+  } else                                                                         \
     ::ecu::lapi::logging::LogStream(::ecu::lapi::logging::level, (mod).get())
 
 // A statement without module, admitted by the current level alone.
-#define LAPI_LOG_NO_MODULE(level)                                          \
+#define LAPI_LOG_NO_MODULE(level)                                            \
   if (::ecu::lapi::logging::level > ::ecu::lapi::logging::get_log_level()) { \
-  } else                                                                   \
+  } else                                                                     \
     ::ecu::lapi::logging::LogStream(::ecu::lapi::logging::level, nullptr)

@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "lapi/com/frame.h"
 #include "ecu/pb/rt.pb.h"
+#include "lapi/com/frame.h"
 #include "lapi/logging/logging.h"
 
 namespace ecu::lapi::rt {
@@ -115,13 +115,13 @@ UnpackResult SignalAdapter::unpack(const std::string& topic, const com::Message&
   }
   if (body.name() != definition.name) {
     LAPI_LOG(DEBUG, g_log) << "Group '" << body.name() << "' on " << topic << ", expected '"
-                             << definition.name << "'";
+                           << definition.name << "'";
     return result;
   }
   if (static_cast<std::size_t>(body.signals_size()) != definition.signals.size()) {
     LAPI_LOG(DEBUG, g_log) << "Group " << definition.name << " on " << topic << " has "
-                             << body.signals_size() << " signals, expected "
-                             << definition.signals.size();
+                           << body.signals_size() << " signals, expected "
+                           << definition.signals.size();
     return result;
   }
 
@@ -131,14 +131,14 @@ UnpackResult SignalAdapter::unpack(const std::string& topic, const com::Message&
     const pb::RtSignal& signal = body.signals(static_cast<int>(i));
     if (signal.name() != definition.signals[i]) {
       LAPI_LOG(DEBUG, g_log) << "Signal " << i << " of " << definition.name << " on " << topic
-                               << " is '" << signal.name() << "', expected '"
-                               << definition.signals[i] << "'";
+                             << " is '" << signal.name() << "', expected '" << definition.signals[i]
+                             << "'";
       return result;
     }
     if (signal.data().size() < kMinDataBytes) {
       LAPI_LOG(DEBUG, g_log) << "Signal " << signal.name() << " of " << definition.name << " on "
-                               << topic << " has " << signal.data().size()
-                               << " data bytes, expected at least " << kMinDataBytes;
+                             << topic << " has " << signal.data().size()
+                             << " data bytes, expected at least " << kMinDataBytes;
       return result;
     }
     const std::string& bytes = signal.data();

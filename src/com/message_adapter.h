@@ -109,7 +109,8 @@ class PbInternalMessageAdapter : public IMessageAdapter<T, err::PbInternalDeseri
         break;
     }
     Result result;
-    if (frame.check != FrameCheck::Ok || !result.value.ParseFromArray(frame.body, frame.body_size)) {
+    if (frame.check != FrameCheck::Ok ||
+        !result.value.ParseFromArray(frame.body, frame.body_size)) {
       LAPI_LOG(EMERG, log) << "Unable to deserialize protobuf";
       return fail(err::BODY_DECODE);
     }

@@ -63,8 +63,8 @@ TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& conf
     }
     m_status = std::make_shared<StatusPublisher>(client, boot_id);
     m_handler.ecu_container().set_listener(m_status);
-    m_readback = std::make_unique<StatusReadback>(client, m_handler, m_status,
-                                                  StatusReadback::Clock::now());
+    m_readback =
+        std::make_unique<StatusReadback>(client, m_handler, m_status, StatusReadback::Clock::now());
   }
   // Runs once the broker has acknowledged every subscription, the request
   // topic's included: from then on requests reach tokard.

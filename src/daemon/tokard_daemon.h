@@ -6,9 +6,9 @@
 #include <atomic>
 #include <memory>
 
+#include "daemon/service_notifier.h"
 #include "lapi/com/transport.h"
 #include "lapi/config/configuration.h"
-#include "daemon/service_notifier.h"
 #include "reqhandler/request_handler.h"
 #include "status/availability.h"
 #include "status/status_publisher.h"

@@ -78,10 +78,10 @@ bool Ecu::acquire_token(const std::string& client) {
   m_token_time = now();
   m_token_taken_by_client = client;
   ++m_history.generation;
-  m_history.granted_unix_ms = static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(
-          std::chrono::system_clock::now().time_since_epoch())
-          .count());
+  m_history.granted_unix_ms =
+      static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count());
   if (m_listener) {
     m_listener->token_changed(*this);
   }
@@ -139,8 +139,8 @@ void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) 
   LAPI_LOG(INFO, g_log) << "[" << m_name
                         << "] Accept requests: " << (m_request_active.load() ? "NO" : "YES") << " '"
                         << topic << "'";
-  if (m_listener && (was_active != m_request_active.load() ||
-                     was_held != !m_token_taken_by_client.empty())) {
+  if (m_listener &&
+      (was_active != m_request_active.load() || was_held != !m_token_taken_by_client.empty())) {
     m_listener->token_changed(*this);
     m_listener->settle();
   }

@@ -62,7 +62,10 @@ int parse_opts(int argc, char** argv) {
   }
 }
 
-void version() { std::cerr << "tokard" << ": " << build_info << std::endl; }
+void version() {
+  std::cerr << "tokard"
+            << ": " << build_info << std::endl;
+}
 
 void usage() {
   version();

@@ -46,7 +46,8 @@ void apply_log_mode(std::string& mode) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::cout << "tokard" << ": " << tokard::build_info << std::endl;
+  std::cout << "tokard"
+            << ": " << tokard::build_info << std::endl;
   if (tokard::parse_opts(argc, argv) == 0) {
     tokard::usage();
     std::exit(1);
@@ -64,7 +65,8 @@ int main(int argc, char** argv) {
   config->set_default("client_name", "tokard");
   // $TOKARD_CONFIG, when set and not empty, names another file.
   const char* config_path = std::getenv("TOKARD_CONFIG");
-  std::ifstream file(config_path != nullptr && *config_path != '\0' ? config_path : TOKARD_CONFIG_FILE);
+  std::ifstream file(config_path != nullptr && *config_path != '\0' ? config_path
+                                                                    : TOKARD_CONFIG_FILE);
   if (file.is_open()) {
     ecu::lapi::config::set_config_from_input(config, file);
     file.close();

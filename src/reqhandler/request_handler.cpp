@@ -17,16 +17,15 @@ const logging::LogModulePtr g_log_release = logging::module("tokard.reqhandler.r
 }  // namespace
 
 RequestHandler::RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
-    : m_transport(client),
-      m_subscriber(new utils::SubWrapper(this)),
-      m_ecu_container(client) {
-  m_transport->subscribe(kRequestTopic, 1,
-                         std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+    : m_transport(client), m_subscriber(new utils::SubWrapper(this)), m_ecu_container(client) {
+  m_transport->subscribe(
+      kRequestTopic, 1,
+      std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
 }
 
 RequestHandler::~RequestHandler() {
-  m_transport->unsubscribe(kRequestTopic,
-                           std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+  m_transport->unsubscribe(
+      kRequestTopic, std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
 }
 
 void RequestHandler::hold_requests(std::function<void()> on_held) {
@@ -98,8 +97,9 @@ void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
   PgnRequestTokenResponse::Result result;
   const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
   if (!ecu) {
-    LAPI_LOG(ERROR, g_log_acquire) << "Unable to do token handling for topic " << request.request_topic()
-                                   << " as requested from client: " << request.client_name();
+    LAPI_LOG(ERROR, g_log_acquire)
+        << "Unable to do token handling for topic " << request.request_topic()
+        << " as requested from client: " << request.client_name();
     result = PgnRequestTokenResponse::NO_ECU;
   } else if (ecu->acquire_token(request.client_name())) {
     LAPI_LOG(INFO, g_log_acquire) << "Token acquired for '" << ecu->m_name << "' on "
@@ -125,11 +125,13 @@ void RequestHandler::action_release(const PgnRequestTokenRequest& request) {
     (void)ecu->release_token(request.client_name());
     return;
   }
-  LAPI_LOG(ERROR, g_log_release) << "Unable to do token handling for topic " << request.request_topic()
+  LAPI_LOG(ERROR, g_log_release) << "Unable to do token handling for topic "
+                                 << request.request_topic()
                                  << " as requested from client: " << request.client_name();
 }
 
-void RequestHandler::send_response(const std::string& topic, const PgnRequestTokenResponse&& response) {
+void RequestHandler::send_response(const std::string& topic,
+                                   const PgnRequestTokenResponse&& response) {
   ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenResponse> adapter;
   auto [ok, built] = adapter.serialize(response);
   if (!ok) {

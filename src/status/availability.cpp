@@ -25,6 +25,8 @@ Availability::Availability(std::shared_ptr<ecu::lapi::com::ITransportClient> cli
 
 void Availability::online() { m_client->publish(protocol::kStateTopic, state(protocol::kOnline)); }
 
-void Availability::offline() { m_client->publish(protocol::kStateTopic, state(protocol::kOffline)); }
+void Availability::offline() {
+  m_client->publish(protocol::kStateTopic, state(protocol::kOffline));
+}
 
 }  // namespace tokard

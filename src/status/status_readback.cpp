@@ -119,7 +119,8 @@ void StatusReadback::restore(const std::string& topic, const ecu::lapi::com::Mes
     return;
   }
 
-  const bool same_boot = !m_publisher->boot_id().empty() && status.boot_id() == m_publisher->boot_id();
+  const bool same_boot =
+      !m_publisher->boot_id().empty() && status.boot_id() == m_publisher->boot_id();
   const std::string holder = same_boot && status.has_holder() ? status.holder() : std::string();
   std::shared_ptr<Ecu> ecu = m_handler.ecu_container().restore(name, topics);
   ecu->restore(holder, m_started, status.blocked(),

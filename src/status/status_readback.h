@@ -30,9 +30,8 @@ class StatusReadback : public ecu::lapi::com::ISubscriptionObserver {
   // Requests held longer than this are decided on what was read by then.
   static constexpr std::chrono::seconds kLongest{10};
 
-  StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient> client,
-                 RequestHandler& handler, std::shared_ptr<StatusPublisher> publisher,
-                 Clock::time_point started);
+  StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient> client, RequestHandler& handler,
+                 std::shared_ptr<StatusPublisher> publisher, Clock::time_point started);
   ~StatusReadback() override;
   StatusReadback(const StatusReadback&) = delete;
   StatusReadback& operator=(const StatusReadback&) = delete;

@@ -15,7 +15,8 @@ namespace {
 // A group is valid, and blocks the ECU, when every signal's status is 0.
 Bytes engine_state(bool valid) {
   const std::string d("\x05\x1a\x00\xff", 4);
-  return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}}).payload;
+  return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}})
+      .payload;
 }
 
 TEST(TheService, GrantsRefusesAndFreesTokensAndFollowsBothRealTimeTopicsAcrossABrokerRestart) {
@@ -23,7 +24,8 @@ TEST(TheService, GrantsRefusesAndFreesTokensAndFollowsBothRealTimeTopicsAcrossAB
   auto tokard = tokard_on(broker.port());
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round == 0 ? "first broker" : "after a broker restart");
-    MqttTestClient holder(broker.port(), "holder"), other(broker.port(), "other"), gateway(broker.port(), "gw");
+    MqttTestClient holder(broker.port(), "holder"), other(broker.port(), "other"),
+        gateway(broker.port(), "gw");
     ASSERT_TRUE(other.wait_for_service(40s)) << tokard->out();
     if (round == 0) {
       EXPECT_EQ(holder.ask("rt/ECU1"), Response::ACQUIRED);
@@ -41,17 +43,24 @@ TEST(TheService, GrantsRefusesAndFreesTokensAndFollowsBothRealTimeTopicsAcrossAB
     // A valid group on rt/ECU1 blocks even the holder; one that is not valid,
     // on rttx/ECU1, frees the token. Subscriptions take effect at some
     // moment, so publish until they have.
-    EXPECT_TRUE(wait_until([&] {
-      return gateway.publish("rt/ECU1", engine_state(true)) && owner.ask("rt/ECU1", "", 500ms) == Response::BUSY;
-    }, 10s));
-    EXPECT_TRUE(wait_until([&] {
-      return gateway.publish("rttx/ECU1", engine_state(false)) && waiter.ask("rt/ECU1", "", 500ms) == Response::ACQUIRED;
-    }, 10s));
+    EXPECT_TRUE(wait_until(
+        [&] {
+          return gateway.publish("rt/ECU1", engine_state(true)) &&
+                 owner.ask("rt/ECU1", "", 500ms) == Response::BUSY;
+        },
+        10s));
+    EXPECT_TRUE(wait_until(
+        [&] {
+          return gateway.publish("rttx/ECU1", engine_state(false)) &&
+                 waiter.ask("rt/ECU1", "", 500ms) == Response::ACQUIRED;
+        },
+        10s));
     EXPECT_TRUE(tokard->wait_for_out("INFO tokard.ecu: [ECU1] Accept requests: NO 'rt/ECU1'\n"));
     EXPECT_TRUE(tokard->wait_for_out("INFO tokard.ecu: [ECU1] Accept requests: YES 'rttx/ECU1'\n"));
     if (round == 0) {
       broker.kill();
-      ASSERT_TRUE(tokard->wait_for_out("connection to 127.0.0.1:" + std::to_string(broker.port()) + " lost"));
+      ASSERT_TRUE(tokard->wait_for_out("connection to 127.0.0.1:" + std::to_string(broker.port()) +
+                                       " lost"));
       broker.start();
     }
   }
@@ -78,20 +87,27 @@ TEST(TheService, LogsAndDropsHostileInputAndKeepsServing) {
     std::string line;
   };
   for (const Case& c : std::vector<Case>{
-           {protocol::kRequestTopic, garbage, "ERROR tokard.reqhandler: Deserialize error occurred: "},
-           {protocol::kRequestTopic, big_body, "ERROR tokard.reqhandler: Deserialize error occurred: 5\n"},
-           {protocol::kRequestTopic, protocol::request_frame(Request::ACQUIRE, "rt/ECU2", "a+b").payload,
+           {protocol::kRequestTopic, garbage,
+            "ERROR tokard.reqhandler: Deserialize error occurred: "},
+           {protocol::kRequestTopic, big_body,
+            "ERROR tokard.reqhandler: Deserialize error occurred: 5\n"},
+           {protocol::kRequestTopic,
+            protocol::request_frame(Request::ACQUIRE, "rt/ECU2", "a+b").payload,
             "publish on 'app/a+b/pgn/response' dropped: not a valid topic name"},
-           {protocol::kRequestTopic, protocol::request_frame(Request::ACQUIRE, "rt/" + k64KiB, "x").payload,
+           {protocol::kRequestTopic,
+            protocol::request_frame(Request::ACQUIRE, "rt/" + k64KiB, "x").payload,
             "' with QoS 1 refused: invalid topic filter, QoS or observer"},
            {protocol::kRequestTopic, protocol::request_frame(Request::ACQUIRE, "rt/#", "x").payload,
             "INFO tokard.reqhandler.acquire: Token acquired for '#' on rt/# by x"},
-           {"rt/ECU1", garbage, "ERROR tokard.ecu: [ECU1] unable to deserialize message for rt/ECU1\n"}}) {
+           {"rt/ECU1", garbage,
+            "ERROR tokard.ecu: [ECU1] unable to deserialize message for rt/ECU1\n"}}) {
     const std::size_t from = tokard->out().size();
     ASSERT_TRUE(hostile.publish(c.topic, c.payload));
-    EXPECT_TRUE(tokard->wait_for_out(c.line, 10s, from)) << c.line << "\n" << tokard->out().substr(from);
+    EXPECT_TRUE(tokard->wait_for_out(c.line, 10s, from)) << c.line << "\n"
+                                                         << tokard->out().substr(from);
   }
-  EXPECT_EQ(hostile.ask("rt/ECU1"), Response::BUSY) << "garbage is no signal group: the holder keeps its token";
+  EXPECT_EQ(hostile.ask("rt/ECU1"), Response::BUSY)
+      << "garbage is no signal group: the holder keeps its token";
   EXPECT_EQ(honest.ask("rt/HONEST"), Response::ACQUIRED);
 }
 
@@ -113,7 +129,8 @@ TEST(TheService, StopsWithStatusZeroOnSigtermUnderLoadAndLogsNothingAfter) {
   }
   const bool loaded = wait_until([&] { return answers >= 500; }, 20s);
   for (int i = 0; i < 2000; ++i) {
-    probe.publish(protocol::kRequestTopic, protocol::request_frame(Request::ACQUIRE, "rt/ECU0", "flood").payload, 0);
+    probe.publish(protocol::kRequestTopic,
+                  protocol::request_frame(Request::ACQUIRE, "rt/ECU0", "flood").payload, 0);
   }
   ASSERT_TRUE(tokard->signal(SIGTERM));
   const auto status = tokard->wait(2s);

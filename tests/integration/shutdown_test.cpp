@@ -58,7 +58,9 @@ TEST(Tokard, WithdrawsEverySubscriptionAndSaysGoodbyeBeforeItExits) {
     }
     ASSERT_TRUE(tokard->signal(SIGTERM));
     ASSERT_EQ(tokard->wait(), 0);
-    wait_until([&] { return broker.log().find("Received DISCONNECT from tokard") != std::string::npos; }, 2s);
+    wait_until(
+        [&] { return broker.log().find("Received DISCONNECT from tokard") != std::string::npos; },
+        2s);
     const std::string log = broker.log();
     std::multiset<std::string> subscribed, unsubscribed;
     const std::regex subscribe(": tokard [0-2] (\\S+)$"), unsubscribe(": tokard (\\S+)$");
@@ -72,7 +74,8 @@ TEST(Tokard, WithdrawsEverySubscriptionAndSaysGoodbyeBeforeItExits) {
     }
     EXPECT_EQ(unsubscribed, subscribed) << log;
     EXPECT_NE(log.find("Received DISCONNECT from tokard"), std::string::npos) << log;
-    EXPECT_EQ(log.find("Client tokard disconnected:"), std::string::npos) << "no broken pipe:\n" << log;
+    EXPECT_EQ(log.find("Client tokard disconnected:"), std::string::npos) << "no broken pipe:\n"
+                                                                          << log;
   }
 }
 

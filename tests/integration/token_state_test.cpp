@@ -2,10 +2,10 @@
 // and tokens that survive a restart of tokard.
 #include <gtest/gtest.h>
 
+#include "status/status_publisher.h"
 #include "support/log_capture.h"
 #include "support/mqtt_client.h"
 #include "support/process.h"
-#include "status/status_publisher.h"
 #include "tokard/pb/status.pb.h"
 
 namespace tokard::test {
@@ -28,7 +28,8 @@ std::string next_status(MqttTestClient& watcher, const std::string& ecu) {
   }
   const TokenStatus& s = status.value;
   std::string line = (s.has_holder() ? s.holder() : "-") + " " + std::to_string(s.generation()) +
-                     (s.blocked() ? " blocked" : "") + (s.boot_id() == read_boot_id() ? "" : " other-boot");
+                     (s.blocked() ? " blocked" : "") +
+                     (s.boot_id() == read_boot_id() ? "" : " other-boot");
   for (const auto& topic : s.topics()) {
     line += " " + topic;
   }
@@ -37,19 +38,22 @@ std::string next_status(MqttTestClient& watcher, const std::string& ecu) {
 
 Bytes status_frame(const std::string& ecu, const std::string& holder, const std::string& boot_id) {
   TokenStatus status;
-  status.set_ecu(ecu), status.set_holder(holder), status.set_generation(7), status.set_boot_id(boot_id);
+  status.set_ecu(ecu), status.set_holder(holder), status.set_generation(7),
+      status.set_boot_id(boot_id);
   status.add_topics("rt/" + ecu), status.add_topics("rttx/" + ecu);
   return protocol::frame(status).payload;
 }
 
 Bytes engine_state(bool valid) {
   const std::string d("\x05\x1a\x00\xff", 4);
-  return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}}).payload;
+  return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}})
+      .payload;
 }
 
 TEST(TokardsState, ShowsAvailabilityAndEveryTokenChangeButARenewal) {
   Broker broker;
-  MqttTestClient watcher(broker.port(), "watcher"), a(broker.port(), "A"), b(broker.port(), "B"), gw(broker.port(), "gw");
+  MqttTestClient watcher(broker.port(), "watcher"), a(broker.port(), "A"), b(broker.port(), "B"),
+      gw(broker.port(), "gw");
   watcher.subscribe("system/tokard/#");
   auto tokard = tokard_on(broker.port());
   EXPECT_EQ(text(watcher.next(protocol::kStateTopic)), "online");
@@ -68,7 +72,8 @@ TEST(TokardsState, ShowsAvailabilityAndEveryTokenChangeButARenewal) {
   EXPECT_EQ(b.ask("rt/bus0/ECU1"), Response::ACQUIRED);
   EXPECT_EQ(next_status(watcher, "ECU1"), "B 1 rt/ECU1 rttx/ECU1 rt/bus0/ECU1 rttx/bus0/ECU1");
   gw.publish("rt/ECU1", engine_state(true));
-  EXPECT_EQ(next_status(watcher, "ECU1"), "B 1 blocked rt/ECU1 rttx/ECU1 rt/bus0/ECU1 rttx/bus0/ECU1");
+  EXPECT_EQ(next_status(watcher, "ECU1"),
+            "B 1 blocked rt/ECU1 rttx/ECU1 rt/bus0/ECU1 rttx/bus0/ECU1");
   gw.publish("rttx/ECU1", engine_state(false));
   EXPECT_EQ(next_status(watcher, "ECU1"), "- 1 rt/ECU1 rttx/ECU1 rt/bus0/ECU1 rttx/bus0/ECU1");
 
@@ -87,7 +92,8 @@ TEST(TokardsState, ShowsAvailabilityAndEveryTokenChangeButARenewal) {
 
 TEST(TokardsState, GivesTokensBackToTheirHoldersAfterARestartOfTokard) {
   Broker broker;
-  MqttTestClient a(broker.port(), "A"), b(broker.port(), "B"), old(broker.port(), "old"), watcher(broker.port(), "watcher");
+  MqttTestClient a(broker.port(), "A"), b(broker.port(), "B"), old(broker.port(), "old"),
+      watcher(broker.port(), "watcher");
   old.publish(protocol::status_topic("ECU2"), status_frame("ECU2", "X", "another-boot"), 1, true);
   old.publish(protocol::status_topic("ECU3"), status_frame("ECU4", "X", read_boot_id()), 1, true);
   old.publish(protocol::status_topic("ECU5"), Bytes{1, 2, 3}, 1, true);
@@ -103,9 +109,12 @@ TEST(TokardsState, GivesTokensBackToTheirHoldersAfterARestartOfTokard) {
   EXPECT_EQ(a.ask("rt/ECU1"), Response::ACQUIRED);
   EXPECT_EQ(b.ask("rt/ECU2"), Response::ACQUIRED) << "written in another boot: restored free";
   EXPECT_EQ(b.ask("rt/ECU3"), Response::ACQUIRED) << "a status of another ECU restores nothing";
-  EXPECT_EQ(matching(lines_of(tokard->out()), "WARNING tokard.status: Ignoring retained status on "),
-            (Lines{"WARNING tokard.status: Ignoring retained status on system/tokard/status/ECU3: its ECU is not the one of its topic",
-                   "WARNING tokard.status: Ignoring retained status on system/tokard/status/ECU5: shorter than a header"}));
+  EXPECT_EQ(
+      matching(lines_of(tokard->out()), "WARNING tokard.status: Ignoring retained status on "),
+      (Lines{"WARNING tokard.status: Ignoring retained status on system/tokard/status/ECU3: its "
+             "ECU is not the one of its topic",
+             "WARNING tokard.status: Ignoring retained status on system/tokard/status/ECU5: "
+             "shorter than a header"}));
   // A stops renewing: B gets the token once A has been silent for 10 s.
   EXPECT_TRUE(wait_until([&] { return b.ask("rt/ECU1", "", 1s) == Response::ACQUIRED; }, 15s));
   watcher.subscribe(protocol::status_topic("ECU1"));
@@ -116,7 +125,9 @@ TEST(TokardsState, IsNeitherKeptNorReadBackWithTokenStatusOff) {
   Broker broker;
   MqttTestClient b(broker.port(), "B"), old(broker.port(), "old");
   old.publish(protocol::status_topic("ECU1"), status_frame("ECU1", "X", read_boot_id()), 1, true);
-  auto tokard = tokard_on(broker.port(), "INFO", {"TOKARD_CONFIG=" + write_file(scratch("off.conf"), "token_status = off\n")});
+  auto tokard =
+      tokard_on(broker.port(), "INFO",
+                {"TOKARD_CONFIG=" + write_file(scratch("off.conf"), "token_status = off\n")});
   ASSERT_TRUE(b.wait_for_service()) << tokard->out();
   EXPECT_EQ(b.ask("rt/ECU1"), Response::ACQUIRED);
   MqttTestClient watcher(broker.port(), "watcher");

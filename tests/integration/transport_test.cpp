@@ -33,8 +33,10 @@ class Recorder : public ecu::lapi::com::ISubscriptionObserver {
     }
     const auto now = ecu::lapi::DateTime::time_since_boot_ns();
     std::lock_guard<std::mutex> lock(m_mutex);
-    stamped &= msg.timestamp_set && msg.timestamp_ns > 0 && msg.timestamp_ns <= now && !msg.extra_flag;
-    m_seen.push_back(topic + " " + std::string(msg.payload.begin(), msg.payload.end()) + " q" + std::to_string(msg.qos));
+    stamped &=
+        msg.timestamp_set && msg.timestamp_ns > 0 && msg.timestamp_ns <= now && !msg.extra_flag;
+    m_seen.push_back(topic + " " + std::string(msg.payload.begin(), msg.payload.end()) + " q" +
+                     std::to_string(msg.qos));
   }
   Lines seen() const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -52,9 +54,9 @@ class Recorder : public ecu::lapi::com::ISubscriptionObserver {
 class AnMqttClient : public testing::Test {
  protected:
   // Subscribes before connecting, as the daemon does, then waits for the connection.
-  std::shared_ptr<MqttClient> online(const std::string& id,
-                                     const std::vector<std::pair<std::string, std::shared_ptr<Recorder>>>& subs,
-                                     int port = 0) {
+  std::shared_ptr<MqttClient> online(
+      const std::string& id,
+      const std::vector<std::pair<std::string, std::shared_ptr<Recorder>>>& subs, int port = 0) {
     ecu::lapi::com::MqttOptions quick;
     quick.first_retry = 50ms;
     quick.longest_retry = 200ms;
@@ -71,8 +73,10 @@ class AnMqttClient : public testing::Test {
 };
 
 TEST_F(AnMqttClient, DeliversOncePerObserverWithWildcardsAndLetsObserversSubscribeFromInside) {
-  auto a = std::make_shared<Recorder>(), b = std::make_shared<Recorder>(), late = std::make_shared<Recorder>();
-  auto client = online("c", {{"t/pair", a}, {"t/pair", a}, {"t/+/x", a}, {"t/1/x", a}, {"t/pair", b}, {"t/go", b}});
+  auto a = std::make_shared<Recorder>(), b = std::make_shared<Recorder>(),
+       late = std::make_shared<Recorder>();
+  auto client = online(
+      "c", {{"t/pair", a}, {"t/pair", a}, {"t/+/x", a}, {"t/1/x", a}, {"t/pair", b}, {"t/go", b}});
   EXPECT_FALSE(client->subscribe("t/#/x", 1, a));
   EXPECT_FALSE(client->subscribe("t/q", 3, a));
   EXPECT_EQ(client->subscription_count(), 4u);
@@ -122,12 +126,18 @@ TEST_F(AnMqttClient, PublishesRetainedMessagesRefusesWhatItCannotSendAndReportsE
   ASSERT_EQ(reader.subscribe("t/state"), 1);
   const auto state = reader.next("t/state");
   ASSERT_TRUE(state);
-  EXPECT_EQ(std::string(state->payload.begin(), state->payload.end()) + (state->retain ? " retained" : ""), "online retained");
-  EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: publish on 'app/+/pgn/response' dropped: not a valid topic name").size(), 1u);
+  EXPECT_EQ(std::string(state->payload.begin(), state->payload.end()) +
+                (state->retain ? " retained" : ""),
+            "online retained");
+  EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: publish on 'app/+/pgn/response' dropped: not a "
+                         "valid topic name")
+                .size(),
+            1u);
   EXPECT_EQ(log.matching(" dropped: ").size(), 4u);
   broker.kill();
   broker.start();
-  EXPECT_TRUE(wait_until([&] { return connects == 2; }, 10s)) << "the callback runs on every connect";
+  EXPECT_TRUE(wait_until([&] { return connects == 2; }, 10s))
+      << "the callback runs on every connect";
 }
 
 TEST_F(AnMqttClient, KeepsTryingUntilALateBrokerComesUpAndResubscribesAfterARestart) {
@@ -146,7 +156,12 @@ TEST_F(AnMqttClient, KeepsTryingUntilALateBrokerComesUpAndResubscribesAfterARest
   ASSERT_TRUE(wait_until([&] { return !client->is_connected(); }));
   late.start();
   MqttTestClient sender(port, "sender");
-  EXPECT_TRUE(wait_until([&] { return sender.publish("t/late", {'x'}) && wait_until([&] { return recorder->count() == 2; }, 100ms); }, 10s));
+  EXPECT_TRUE(wait_until(
+      [&] {
+        return sender.publish("t/late", {'x'}) &&
+               wait_until([&] { return recorder->count() == 2; }, 100ms);
+      },
+      10s));
   client->stop();
   EXPECT_FALSE(client->is_running());
   const std::size_t seen = recorder->count();
@@ -156,10 +171,16 @@ TEST_F(AnMqttClient, KeepsTryingUntilALateBrokerComesUpAndResubscribesAfterARest
   sender.publish("t/late", {'z'});
   ASSERT_TRUE(witness.next("t/late").has_value());
   EXPECT_EQ(recorder->count(), seen) << "a delivery after stop";
-  EXPECT_FALSE(log.matching("WARNING lapi.com.mqtt: cannot connect to " + where + ": Connection refused; retrying in 50 ms").empty());
-  EXPECT_EQ(log.matching("NOTICE lapi.com.mqtt: connected to " + where + " as 'late', 1 topics subscribed").size(), 2u);
+  EXPECT_FALSE(log.matching("WARNING lapi.com.mqtt: cannot connect to " + where +
+                            ": Connection refused; retrying in 50 ms")
+                   .empty());
+  EXPECT_EQ(log.matching("NOTICE lapi.com.mqtt: connected to " + where +
+                         " as 'late', 1 topics subscribed")
+                .size(),
+            2u);
   EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: connection to " + where + " lost: ").size(), 1u);
-  EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: connection to " + where + " back after ").size(), 1u);
+  EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: connection to " + where + " back after ").size(),
+            1u);
 }
 
 TEST_F(AnMqttClient, IsCreatedFromTheConfiguration) {
@@ -172,7 +193,8 @@ TEST_F(AnMqttClient, IsCreatedFromTheConfiguration) {
   config->set("host", "127.0.0.1");
   config->set("port", std::to_string(broker.port()));
   config->set("client_name", "configured");
-  EXPECT_EQ(ecu::lapi::com::create_client(config, static_cast<ecu::lapi::com::TransportType>(1)), nullptr);
+  EXPECT_EQ(ecu::lapi::com::create_client(config, static_cast<ecu::lapi::com::TransportType>(1)),
+            nullptr);
   auto client = ecu::lapi::com::create_client(config, ecu::lapi::com::INTERNAL_MQTT);
   ASSERT_NE(client, nullptr);
   EXPECT_EQ(client->client_id(), "configured");
@@ -185,9 +207,13 @@ TEST_F(AnMqttClient, IsCreatedFromTheConfiguration) {
   EXPECT_TRUE(wait_until([&] { return client->is_connected(); }));
   config->set("port", "18x3");
   EXPECT_FALSE(ecu::lapi::com::create_client(config, ecu::lapi::com::INTERNAL_MQTT)->connect());
-  EXPECT_EQ(log.matching("lapi.com.mqtt: broker port").front(), "WARNING lapi.com.mqtt: broker port '18x3' is not a port number");
-  EXPECT_EQ(log.matching("ERROR").back(), "ERROR lapi.com.mqtt: cannot connect to 127.0.0.1:0: unusable broker address");
-  EXPECT_EQ(log.matching("WARNING lapi.com.mqtt: cannot connect to no-such-host.invalid:1883: ").size(), 1u);
+  EXPECT_EQ(log.matching("lapi.com.mqtt: broker port").front(),
+            "WARNING lapi.com.mqtt: broker port '18x3' is not a port number");
+  EXPECT_EQ(log.matching("ERROR").back(),
+            "ERROR lapi.com.mqtt: cannot connect to 127.0.0.1:0: unusable broker address");
+  EXPECT_EQ(
+      log.matching("WARNING lapi.com.mqtt: cannot connect to no-such-host.invalid:1883: ").size(),
+      1u);
 }
 
 }  // namespace

@@ -79,8 +79,11 @@ inline std::string read_file(const std::string& path) {
 // down without a goodbye to its clients; `start` brings it back on the port.
 class Broker {
  public:
-  explicit Broker(int port = free_port(), std::string config = TOKARD_TEST_MOSQUITTO_CONF, bool port_in_config = false)
-      : m_port(port), m_config(std::move(config)), m_port_in_config(port_in_config),
+  explicit Broker(int port = free_port(), std::string config = TOKARD_TEST_MOSQUITTO_CONF,
+                  bool port_in_config = false)
+      : m_port(port),
+        m_config(std::move(config)),
+        m_port_in_config(port_in_config),
         m_log(scratch("mosquitto_" + std::to_string(port) + ".log")) {
     start();
   }
@@ -101,8 +104,8 @@ class Broker {
     if (m_pid == 0) {
       ::freopen(m_log.c_str(), "a", stdout);
       ::dup2(STDOUT_FILENO, STDERR_FILENO);
-      ::execlp("mosquitto", "mosquitto", "-v", "-c", m_config.c_str(), m_port_in_config ? nullptr : "-p", port.c_str(),
-               nullptr);
+      ::execlp("mosquitto", "mosquitto", "-v", "-c", m_config.c_str(),
+               m_port_in_config ? nullptr : "-p", port.c_str(), nullptr);
       ::_exit(127);
     }
     wait_until([this] {

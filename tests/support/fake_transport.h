@@ -19,7 +19,8 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   struct Call {
     std::string op, topic;  // op: "subscribe" or "unsubscribe"
     int qos;
-    const ecu::lapi::com::ISubscriptionObserver* observer;  // not owned: the log must not keep observers alive
+    const ecu::lapi::com::ISubscriptionObserver*
+        observer;  // not owned: the log must not keep observers alive
   };
   struct Published {
     std::string topic;
@@ -56,7 +57,9 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
     will = {topic, msg};
     return true;
   }
-  void on_connected(std::function<void()> callback) override { connected_callback = std::move(callback); }
+  void on_connected(std::function<void()> callback) override {
+    connected_callback = std::move(callback);
+  }
 
   // Hands `msg` to every observer of exactly `topic`.
   void deliver(const std::string& topic, const Message& msg) {

@@ -29,21 +29,27 @@ class MqttTestClient {
     bool retain = false;
   };
 
-  MqttTestClient(int port, std::string id, const std::string& user = "", const std::string& password = "")
-      : m_id(std::move(id)), m_mosq((mosquitto_lib_init(), mosquitto_new(m_id.c_str(), true, this)), &mosquitto_destroy) {
+  MqttTestClient(int port, std::string id, const std::string& user = "",
+                 const std::string& password = "")
+      : m_id(std::move(id)),
+        m_mosq((mosquitto_lib_init(), mosquitto_new(m_id.c_str(), true, this)),
+               &mosquitto_destroy) {
     mosquitto_connect_callback_set(m_mosq.get(), [](mosquitto*, void* self, int rc) {
       static_cast<MqttTestClient*>(self)->update([&](MqttTestClient& c) { c.m_connack = rc; });
     });
-    mosquitto_subscribe_callback_set(m_mosq.get(), [](mosquitto*, void* self, int mid, int, const int* qos) {
-      static_cast<MqttTestClient*>(self)->update([&](MqttTestClient& c) { c.m_granted[mid] = qos[0]; });
-    });
-    mosquitto_message_callback_set(m_mosq.get(), [](mosquitto*, void* self, const mosquitto_message* msg) {
-      const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
-      static_cast<MqttTestClient*>(self)->update([&](MqttTestClient& c) {
-        c.m_inbox[msg->topic].push_back({Bytes(bytes, bytes + msg->payloadlen), msg->retain});
-        ++c.m_count[msg->topic];
-      });
-    });
+    mosquitto_subscribe_callback_set(m_mosq.get(),
+                                     [](mosquitto*, void* self, int mid, int, const int* qos) {
+                                       static_cast<MqttTestClient*>(self)->update(
+                                           [&](MqttTestClient& c) { c.m_granted[mid] = qos[0]; });
+                                     });
+    mosquitto_message_callback_set(
+        m_mosq.get(), [](mosquitto*, void* self, const mosquitto_message* msg) {
+          const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
+          static_cast<MqttTestClient*>(self)->update([&](MqttTestClient& c) {
+            c.m_inbox[msg->topic].push_back({Bytes(bytes, bytes + msg->payloadlen), msg->retain});
+            ++c.m_count[msg->topic];
+          });
+        });
     if (!user.empty()) {
       mosquitto_username_pw_set(m_mosq.get(), user.c_str(), password.c_str());
     }
@@ -59,7 +65,9 @@ class MqttTestClient {
 
   const std::string& id() const { return m_id; }
   // The broker's CONNACK code (0 accepted, 5 not authorised), -1 if none came.
-  int connack() { return wait_for([&] { return m_connack >= 0; }, 5s) ? m_connack : -1; }
+  int connack() {
+    return wait_for([&] { return m_connack >= 0; }, 5s) ? m_connack : -1;
+  }
 
   // The granted QoS once the SUBACK is in, 128 when refused, -1 without one.
   int subscribe(const std::string& filter, int qos = 1) {
@@ -70,8 +78,8 @@ class MqttTestClient {
   }
   bool publish(const std::string& topic, const Bytes& payload, int qos = 1, bool retain = false) {
     connack();
-    return mosquitto_publish(m_mosq.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                             qos, retain) == MOSQ_ERR_SUCCESS;
+    return mosquitto_publish(m_mosq.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                             payload.data(), qos, retain) == MOSQ_ERR_SUCCESS;
   }
 
   // Takes the oldest message kept for `topic`, waiting up to `limit` for one.
@@ -97,14 +105,17 @@ class MqttTestClient {
     if (m_answered.insert(name).second) {
       subscribe(protocol::response_topic(name));
     }
-    return publish(protocol::kRequestTopic, protocol::request_frame(action, rt_topic, name).payload);
+    return publish(protocol::kRequestTopic,
+                   protocol::request_frame(action, rt_topic, name).payload);
   }
-  std::optional<Response> acquire(const std::string& rt_topic, const std::string& client = "", milliseconds limit = 5s) {
+  std::optional<Response> acquire(const std::string& rt_topic, const std::string& client = "",
+                                  milliseconds limit = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     send(Request::ACQUIRE, rt_topic, client);
     protocol::Message answer;
     while (auto got = next(protocol::response_topic(client.empty() ? m_id : client),
-                           std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now()))) {
+                           std::chrono::duration_cast<milliseconds>(
+                               deadline - std::chrono::steady_clock::now()))) {
       answer.payload = got->payload;
       const auto decoded = protocol::read<Response>(answer);
       if (!decoded.ok || decoded.value.request_topic() == rt_topic) {

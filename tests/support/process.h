@@ -25,7 +25,8 @@ class Process {
  public:
   // argv[0] is the program's file name; `env` entries ("NAME=value") add to
   // or replace the test's own environment.
-  Process(const std::string& path, const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+  Process(const std::string& path, const std::vector<std::string>& args,
+          const std::vector<std::string>& env = {}) {
     std::vector<std::string> words{path.substr(path.rfind('/') + 1)}, vars;
     words.insert(words.end(), args.begin(), args.end());
     std::map<std::string, std::string> by_name;
@@ -54,7 +55,9 @@ class Process {
     }
     ::close(out[1]);
     ::close(err[1]);
-    m_reader = std::thread([this, o = out[0], e = err[0]] { read({{o, POLLIN, 0}, {e, POLLIN, 0}}); });
+    m_reader = std::thread([this, o = out[0], e = err[0]] {
+      read({{o, POLLIN, 0}, {e, POLLIN, 0}});
+    });
   }
   virtual ~Process() {
     signal(SIGKILL);
@@ -137,19 +140,25 @@ inline std::string syslog_file() { return scratch("syslog"); }
 // The built tokard with `args`, reading its configuration from $TOKARD_CONFIG
 // (a file that does not exist unless `env` names one) and signal definitions
 // with one group, EngineState (Speed, Torque) on rt/ECU1.
-inline std::unique_ptr<Process> run_tokard(const std::vector<std::string>& args, std::vector<std::string> env = {}) {
+inline std::unique_ptr<Process> run_tokard(const std::vector<std::string>& args,
+                                           std::vector<std::string> env = {}) {
   const char* asan = std::getenv("ASAN_OPTIONS");
-  const std::string signals = write_file(scratch("rt_signals.json"), R"({"groups": [{"topic": "rt/ECU1",)"
-                                         R"( "name": "EngineState", "signals": ["Speed", "Torque"]}]})");
-  env.insert(env.begin(), {"TOKARD_CONFIG=" + scratch("no_such.conf"), "LAPI_RT_SIGNALS=" + signals,
-                           std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0",
-                           std::string("LD_PRELOAD=") + TOKARD_SYSLOG_CAPTURE, "TOKARD_TEST_SYSLOG=" + syslog_file()});
+  const std::string signals = write_file(
+      scratch("rt_signals.json"), R"({"groups": [{"topic": "rt/ECU1",)"
+                                  R"( "name": "EngineState", "signals": ["Speed", "Torque"]}]})");
+  env.insert(
+      env.begin(),
+      {"TOKARD_CONFIG=" + scratch("no_such.conf"), "LAPI_RT_SIGNALS=" + signals,
+       std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0",
+       std::string("LD_PRELOAD=") + TOKARD_SYSLOG_CAPTURE, "TOKARD_TEST_SYSLOG=" + syslog_file()});
   return std::make_unique<Process>(TOKARD_PROGRAM, args, env);
 }
 
 // tokard serving a broker port, its log on standard output at `level`.
-inline std::unique_ptr<Process> tokard_on(int port, const std::string& level = "INFO", std::vector<std::string> env = {}) {
-  return run_tokard({"-L", "-l", level, "-H", "127.0.0.1", "-p", std::to_string(port)}, std::move(env));
+inline std::unique_ptr<Process> tokard_on(int port, const std::string& level = "INFO",
+                                          std::vector<std::string> env = {}) {
+  return run_tokard({"-L", "-l", level, "-H", "127.0.0.1", "-p", std::to_string(port)},
+                    std::move(env));
 }
 
 }  // namespace tokard::test

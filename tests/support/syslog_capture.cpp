@@ -25,7 +25,9 @@ extern "C" {
 void openlog(const char*, int, int) {}
 void closelog() {}
 void vsyslog(int priority, const char* format, va_list args) { record(priority, format, args); }
-void __vsyslog_chk(int priority, int, const char* format, va_list args) { record(priority, format, args); }
+void __vsyslog_chk(int priority, int, const char* format, va_list args) {
+  record(priority, format, args);
+}
 void syslog(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -23,7 +23,8 @@ sighandler_t handler_of(int sig) {
 
 TEST(ASignalHandler, ActsOnceOnSigintOrSigtermAndIgnoresOtherSignals) {
   auto config = std::make_unique<ecu::lapi::config::Configuration>();
-  std::shared_ptr<ecu::lapi::com::ITransportClient> client = std::make_shared<FakeTransportClient>();
+  std::shared_ptr<ecu::lapi::com::ITransportClient> client =
+      std::make_shared<FakeTransportClient>();
   TokarDaemon daemon(config, client);
   for (const int sig : {SIGINT, SIGTERM}) {
     signal(SIGINT, noop_handler);

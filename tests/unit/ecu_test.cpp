@@ -44,50 +44,69 @@ constexpr std::int64_t k10s = 10'000'000'000;
 const std::string kBefore = "DEBUG:  (before acquire) m_request_active: ";
 
 const std::vector<Case> kTable = {
-    {"FreeTokenGoesToTheFirst", {{'a', "A"}}, "A",
+    {"FreeTokenGoesToTheFirst",
+     {{'a', "A"}},
+     "A",
      {kBefore + "FALSE m_token_taken_by_client: ", "DEBUG: no client has token, allow A"}},
     {"OthersWaitMoreThanTenSeconds",
-     {{'a', "A"}, {'w', "", k10s}, {'a', "B", 0, false}, {'w', "", 1}, {'a', "B"}, {'a', "A", 0, false}}, "B",
+     {{'a', "A"},
+      {'w', "", k10s},
+      {'a', "B", 0, false},
+      {'w', "", 1},
+      {'a', "B"},
+      {'a', "A", 0, false}},
+     "B",
      {kBefore + "FALSE m_token_taken_by_client: ", "DEBUG: no client has token, allow A",
       kBefore + "FALSE m_token_taken_by_client: A", "INFO: Active client: A",
       kBefore + "FALSE m_token_taken_by_client: A", "DEBUG: A had token to long, allow B",
       kBefore + "FALSE m_token_taken_by_client: B", "INFO: Active client: B"}},
     {"HolderRefreshesEvenAfterTheTimeOut",
-     {{'a', "A"}, {'w', "", 6 * k10s}, {'a', "A"}, {'w', "", k10s}, {'a', "B", 0, false}}, "A",
-     {"DEBUG: no client has token, allow A",
-      "INFO: client A token refreshed",
+     {{'a', "A"}, {'w', "", 6 * k10s}, {'a', "A"}, {'w', "", k10s}, {'a', "B", 0, false}},
+     "A",
+     {"DEBUG: no client has token, allow A", "INFO: client A token refreshed",
       "INFO: Active client: A"}},
-    {"EmptyNameOnAFreeTokenIsARefreshOfNobody", {{'a', ""}, {'a', "B"}}, "B",
-     {"INFO: client  token refreshed",
-      "DEBUG: no client has token, allow B"}},
+    {"EmptyNameOnAFreeTokenIsARefreshOfNobody",
+     {{'a', ""}, {'a', "B"}},
+     "B",
+     {"INFO: client  token refreshed", "DEBUG: no client has token, allow B"}},
     {"OnlyTheHolderReleases",
-     {{'r', "X"}, {'a', "A"}, {'r', "B", 0, false}, {'r', "", 0, false}, {'r', "A"}, {'a', "C"}}, "C",
-     {"DEBUG: no client has token, allow A",
-      "DEBUG: Token taken by A release from B prohibited", "DEBUG: Token taken by A release from  prohibited",
+     {{'r', "X"}, {'a', "A"}, {'r', "B", 0, false}, {'r', "", 0, false}, {'r', "A"}, {'a', "C"}},
+     "C",
+     {"DEBUG: no client has token, allow A", "DEBUG: Token taken by A release from B prohibited",
+      "DEBUG: Token taken by A release from  prohibited",
       "INFO: Token explicitly released for client A", "DEBUG: no client has token, allow C"}},
     {"ValidGroupRefusesEveryoneAndKeepsTheHolder",
-     {{'a', "A"}, {'g', "rttx/E1", 0}, {'w', "", 6 * k10s}, {'a', "A", 0, false}, {'a', "B", 0, false}}, "A",
+     {{'a', "A"},
+      {'g', "rttx/E1", 0},
+      {'w', "", 6 * k10s},
+      {'a', "A", 0, false},
+      {'a', "B", 0, false}},
+     "A",
      {kBefore + "FALSE m_token_taken_by_client: ", "DEBUG: no client has token, allow A",
       "DEBUG: SignalGroup G is valid: YES", "DEBUG: S - 05 1a 0 ff  - Status: 0",
       "DEBUG: T - 0a b c d  - Status: 0", "INFO: Accept requests: NO 'rttx/E1'",
       kBefore + "TRUE m_token_taken_by_client: A", kBefore + "TRUE m_token_taken_by_client: A"}},
-    {"GroupNotValidFreesTheToken", {{'a', "A"}, {'g', "rt/E1", 0}, {'g', "bus/E1", 7}, {'a', "B"}}, "B",
-     {"DEBUG: no client has token, allow A",
-      "DEBUG: SignalGroup G is valid: YES", "DEBUG: S - 05 1a 0 ff  - Status: 0",
-      "DEBUG: T - 0a b c d  - Status: 0", "INFO: Accept requests: NO 'rt/E1'",
-      "DEBUG: SignalGroup G is valid: NO", "DEBUG: S - 05 1a 0 ff  - Status: 0",
-      "DEBUG: T - 0a b c d  - Status: 7", "INFO: Accept requests: YES 'bus/E1'",
-      "DEBUG: no client has token, allow B"}},
+    {"GroupNotValidFreesTheToken",
+     {{'a', "A"}, {'g', "rt/E1", 0}, {'g', "bus/E1", 7}, {'a', "B"}},
+     "B",
+     {"DEBUG: no client has token, allow A", "DEBUG: SignalGroup G is valid: YES",
+      "DEBUG: S - 05 1a 0 ff  - Status: 0", "DEBUG: T - 0a b c d  - Status: 0",
+      "INFO: Accept requests: NO 'rt/E1'", "DEBUG: SignalGroup G is valid: NO",
+      "DEBUG: S - 05 1a 0 ff  - Status: 0", "DEBUG: T - 0a b c d  - Status: 7",
+      "INFO: Accept requests: YES 'bus/E1'", "DEBUG: no client has token, allow B"}},
     // rttx/x/E1 is judged by rt/x/E1, which has no definition.
-    {"FrameThatDoesNotUnpackChangesNothing", {{'a', "A"}, {'g', "rttx/x/E1", 7}, {'g', "rt/none", 7}}, "A",
-     {"DEBUG: no client has token, allow A",
-      "ERROR: unable to deserialize message for rttx/x/E1", "ERROR: unable to deserialize message for rt/none"}},
+    {"FrameThatDoesNotUnpackChangesNothing",
+     {{'a', "A"}, {'g', "rttx/x/E1", 7}, {'g', "rt/none", 7}},
+     "A",
+     {"DEBUG: no client has token, allow A", "ERROR: unable to deserialize message for rttx/x/E1",
+      "ERROR: unable to deserialize message for rt/none"}},
 };
 
 class AnEcu : public testing::TestWithParam<Case> {
  protected:
   static void SetUpTestSuite() {
-    ecu::lapi::rt::SignalAdapter::instance().load(write_file(scratch("ecu_signals.json"), R"({"groups": [
+    ecu::lapi::rt::SignalAdapter::instance().load(
+        write_file(scratch("ecu_signals.json"), R"({"groups": [
         {"topic": "rt/E1", "name": "G", "signals": ["S", "T"]},
         {"topic": "bus/E1", "name": "G", "signals": ["S", "T"]}]})"));
   }
@@ -104,8 +123,9 @@ TEST_P(AnEcu, DecidesAndLogs) {
     } else if (s.op == 'w') {
       ecu.advance(std::chrono::nanoseconds(s.arg));
     } else {
-      ecu.message(s.who, protocol::group_frame("G", {{"S", std::string("\x05\x1a\x00\xff", 4), 0},
-                                                     {"T", "\x0a\x0b\x0c\x0d\x0e", std::uint32_t(s.arg)}}));
+      ecu.message(
+          s.who, protocol::group_frame("G", {{"S", std::string("\x05\x1a\x00\xff", 4), 0},
+                                             {"T", "\x0a\x0b\x0c\x0d\x0e", std::uint32_t(s.arg)}}));
     }
   }
   EXPECT_EQ(ecu.holder(), GetParam().holder);
@@ -117,7 +137,9 @@ TEST_P(AnEcu, DecidesAndLogs) {
   Lines logged = log.matching("tokard.ecu:");
   if (matching(expected, "(before acquire)").empty()) {  // left out of most cases
     logged.erase(std::remove_if(logged.begin(), logged.end(),
-                                [](const std::string& l) { return l.find("(before acquire)") != std::string::npos; }),
+                                [](const std::string& l) {
+                                  return l.find("(before acquire)") != std::string::npos;
+                                }),
                  logged.end());
   }
   EXPECT_EQ(logged, expected);

@@ -18,11 +18,12 @@ using Bytes = std::vector<std::uint8_t>;
 namespace err = ecu::lapi::com::err;
 
 // action=1, request_topic="rt/ECU1", client_name="app1"
-const Bytes kAcquireBody = {0x08, 0x01, 0x12, 0x07, 'r', 't', '/', 'E', 'C', 'U', '1', 0x1a, 0x04, 'a', 'p', 'p', '1'};
+const Bytes kAcquireBody = {0x08, 0x01, 0x12, 0x07, 'r', 't', '/', 'E', 'C',
+                            'U',  '1',  0x1a, 0x04, 'a', 'p', 'p', '1'};
 
 // Golden frame: field 1 (fixed64 length word), field 2 (fixed64 time), body.
-Message golden(std::uint64_t protocol, std::uint64_t header_len, std::uint64_t body_len, const Bytes& body,
-               std::uint64_t time = 0x0102030405060708) {
+Message golden(std::uint64_t protocol, std::uint64_t header_len, std::uint64_t body_len,
+               const Bytes& body, std::uint64_t time = 0x0102030405060708) {
   Message msg;
   const std::uint64_t words[] = {protocol | (header_len << 16) | (body_len << 32), time};
   for (int w = 0; w < 2; ++w) {
@@ -46,7 +47,8 @@ TEST(AFrame, HasTheGoldenBytesAndDecodesBackToTheRequest) {
   const auto back = protocol::read<Request>(golden(1, 18, 17, trailing));
   ASSERT_TRUE(back.ok);
   Message reordered = golden(1, 18, 17, kAcquireBody);  // time before length: read by the parser
-  std::rotate(reordered.payload.begin(), reordered.payload.begin() + 9, reordered.payload.begin() + 18);
+  std::rotate(reordered.payload.begin(), reordered.payload.begin() + 9,
+              reordered.payload.begin() + 18);
   EXPECT_TRUE(protocol::read<Request>(reordered).ok);
   EXPECT_EQ(back.error, err::NO_ERROR);
   EXPECT_EQ(back.value.SerializeAsString(), std::string(kAcquireBody.begin(), kAcquireBody.end()));
@@ -61,8 +63,8 @@ TEST(AFrame, HasTheGoldenBytesAndDecodesBackToTheRequest) {
 struct Refusal {
   Message msg;
   err::PbInternalDeserializationError code;
-  const char* line;         // "" when none is logged
-  std::int32_t protocol;    // the type the adapter sends afterwards
+  const char* line;       // "" when none is logged
+  std::int32_t protocol;  // the type the adapter sends afterwards
 };
 
 TEST(AFrame, IsRefusedWithTheCodeAndLineOfTheFirstHeaderCheckItFails) {
@@ -70,15 +72,18 @@ TEST(AFrame, IsRefusedWithTheCodeAndLineOfTheFirstHeaderCheckItFails) {
   garbage.payload.assign(18, 0xff);
   one_byte.payload = {0x09};
   short_header.payload.resize(17);
-  const std::string kShort = "ERROR lapi.com.messageadapter: Total length is smaller then expected header length";
+  const std::string kShort =
+      "ERROR lapi.com.messageadapter: Total length is smaller then expected header length";
   const std::string kBody = "EMERG lapi.com.messageadapter: Unable to deserialize protobuf";
   const std::string kLength = "ERROR lapi.com.messageadapter: Specified hdr-len does not comply.";
   const std::vector<Refusal> table = {
       {Message{}, err::TOO_SHORT, "", 1},
       {one_byte, err::TOO_SHORT, kShort.c_str(), 1},
       {short_header, err::TOO_SHORT, kShort.c_str(), 1},
-      {garbage, err::HEADER_DECODE, "ERROR lapi.com.messageadapter: Unable to decode the header.", 1},
-      {golden(0, 18, 0, {}), err::PROTOCOL_NOT_USED, "ERROR lapi.com.messageadapter: ProtocolType is set to not used!", 0},
+      {garbage, err::HEADER_DECODE, "ERROR lapi.com.messageadapter: Unable to decode the header.",
+       1},
+      {golden(0, 18, 0, {}), err::PROTOCOL_NOT_USED,
+       "ERROR lapi.com.messageadapter: ProtocolType is set to not used!", 0},
       {golden(7, 17, 0, {}), err::HEADER_LENGTH, kLength.c_str(), 7},
       {golden(1, 19, 0, {}), err::HEADER_LENGTH, kLength.c_str(), 1},
       {golden(1, 18, 18, kAcquireBody), err::BODY_DECODE, kBody.c_str(), 1},
@@ -122,8 +127,9 @@ TEST(AFrame, IsNotBuiltFromABodyThatFailsToSerialize) {
     EXPECT_TRUE(msg.payload.empty());
     EXPECT_FALSE(msg.timestamp_set);
   }
-  EXPECT_EQ(log.lines(), (Lines{"ERROR lapi.com.messageadapter: unable to serialize body!",
-                                "EMERG lapi.com.messageadapter: Unable to allocate memory for serialization!"}));
+  EXPECT_EQ(log.lines(),
+            (Lines{"ERROR lapi.com.messageadapter: unable to serialize body!",
+                   "EMERG lapi.com.messageadapter: Unable to allocate memory for serialization!"}));
 }
 
 }  // namespace

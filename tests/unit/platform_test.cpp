@@ -43,8 +43,9 @@ TEST(Logging, AdmitsByLevelAndModuleAndFormatsEachLineAfresh) {
   LAPI_LOG_NO_MODULE(INFO) << "no module " << 6;
   LAPI_LOG_NO_MODULE(DEBUG) << "below" << counted();
   EXPECT_EQ(g_evaluations, 0);
-  EXPECT_EQ(log.lines(), (Lines{"WARNING gate.off: warning ff0001 3.1", "INFO gate.on.later: 255  7 3.14159",
-                                "NOTICE gate.on: notice", "NOTICE: no module", "INFO: no module 6"}));
+  EXPECT_EQ(log.lines(),
+            (Lines{"WARNING gate.off: warning ff0001 3.1", "INFO gate.on.later: 255  7 3.14159",
+                   "NOTICE gate.on: notice", "NOTICE: no module", "INFO: no module 6"}));
   logging::enable("gate.on", false);
   EXPECT_FALSE(later->enabled());
   EXPECT_EQ(logging::module("gate.on"), on);
@@ -55,7 +56,8 @@ TEST(Logging, AdmitsByLevelAndModuleAndFormatsEachLineAfresh) {
 }
 
 TEST(Logging, TakesTheEightLevelNamesInAnyCaseAndFallsBackToNotice) {
-  const char* names[] = {"emerg", "ALERT", "Critical", "ERROR", "warning", "NOTICE", "InFo", "DEBUG"};
+  const char* names[] = {"emerg",   "ALERT",  "Critical", "ERROR",
+                         "warning", "NOTICE", "InFo",     "DEBUG"};
   for (int level = 0; level < 8; ++level) {
     logging::configure_logging(names[level]);
     EXPECT_EQ(logging::get_log_level(), level) << names[level];
@@ -76,14 +78,22 @@ TEST(Configuration, ReadsKeyValueLinesOverDefaultsAndVerifiesRequiredKeysAndTheP
   EXPECT_EQ(config->get("host") + ":" + config->get("port"), "localhost:1883");
   config->set_default("client_name", "tokard");
   config->set_default("host", "ignored");
-  std::istringstream in("# broker\n\n   host   =  10.0.0.1 \t\nno equals here\n  # x = y\n"
-                        "client_name = first\nclient_name = second = with equals\nlogmode =\n");
+  std::istringstream in(
+      "# broker\n\n   host   =  10.0.0.1 \t\nno equals here\n  # x = y\n"
+      "client_name = first\nclient_name = second = with equals\nlogmode =\n");
   ecu::lapi::config::set_config_from_input(config, in);
-  EXPECT_EQ(config->get("host") + "|" + config->get("client_name") + "|" + config->get("logmode") + "|" +
-                config->get("  # x"), "10.0.0.1|second = with equals||");
-  for (const auto& [port, ok] : std::vector<std::pair<std::string, bool>>{
-           {"", false}, {"0", false}, {"65536", false}, {"-1", false}, {"18x3", false}, {" 1883", false},
-           {"1", true}, {"1883", true}, {"65535", true}}) {
+  EXPECT_EQ(config->get("host") + "|" + config->get("client_name") + "|" + config->get("logmode") +
+                "|" + config->get("  # x"),
+            "10.0.0.1|second = with equals||");
+  for (const auto& [port, ok] : std::vector<std::pair<std::string, bool>>{{"", false},
+                                                                          {"0", false},
+                                                                          {"65536", false},
+                                                                          {"-1", false},
+                                                                          {"18x3", false},
+                                                                          {" 1883", false},
+                                                                          {"1", true},
+                                                                          {"1883", true},
+                                                                          {"65535", true}}) {
     config->set("port", port);
     EXPECT_EQ(config->verify(), ok) << "port '" << port << "'";
   }
@@ -119,12 +129,17 @@ TEST_F(ASignalAdapter, UnpacksOnlyGroupsThatMatchTheirDefinition) {
   };
   for (const Case& c : std::vector<Case>{
            {"rt/E2", protocol::group_frame("Quiet", {}), ""},
-           {"rt/E1", protocol::group_frame("Engine", S{{"Speed", d + "\x07", 0}, {"Torque", "abcd", 3}}), ""},
-           {"rt/E3", protocol::group_frame("Engine", S{{"Speed", d}, {"Torque", d}}), "No signal group defined for rt/E3"},
+           {"rt/E1",
+            protocol::group_frame("Engine", S{{"Speed", d + "\x07", 0}, {"Torque", "abcd", 3}}),
+            ""},
+           {"rt/E3", protocol::group_frame("Engine", S{{"Speed", d}, {"Torque", d}}),
+            "No signal group defined for rt/E3"},
            {"rt/E1", protocol::Message{}, "Undecodable frame on rt/E1: empty payload"},
            {"rt/E1", cut, "Undecodable frame on rt/E1: body runs past the payload"},
-           {"rt/E1", protocol::group_frame("Brake", S{{"Speed", d}, {"Torque", d}}), "Group 'Brake' on rt/E1, expected 'Engine'"},
-           {"rt/E1", protocol::group_frame("Engine", S{{"Speed", d}}), "Group Engine on rt/E1 has 1 signals, expected 2"},
+           {"rt/E1", protocol::group_frame("Brake", S{{"Speed", d}, {"Torque", d}}),
+            "Group 'Brake' on rt/E1, expected 'Engine'"},
+           {"rt/E1", protocol::group_frame("Engine", S{{"Speed", d}}),
+            "Group Engine on rt/E1 has 1 signals, expected 2"},
            {"rt/E1", protocol::group_frame("Engine", S{{"Torque", d}, {"Speed", d}}),
             "Signal 0 of Engine on rt/E1 is 'Torque', expected 'Speed'"},
            {"rt/E1", protocol::group_frame("Engine", S{{"Speed", d}, {"Torque", "abc"}}),
@@ -134,10 +149,12 @@ TEST_F(ASignalAdapter, UnpacksOnlyGroupsThatMatchTheirDefinition) {
     EXPECT_EQ(result.success, c.line.empty()) << c.line;
     EXPECT_EQ(log.lines(), c.line.empty() ? Lines{} : Lines{"DEBUG lapi.rt: " + c.line});
   }
-  const auto engine = adapter.unpack("rt/E1", protocol::group_frame("Engine", S{{"Speed", d + "\x07"}, {"Torque", d, 3}}));
+  const auto engine = adapter.unpack(
+      "rt/E1", protocol::group_frame("Engine", S{{"Speed", d + "\x07"}, {"Torque", d, 3}}));
   ASSERT_EQ(engine.group.signals().size(), 2u);
   EXPECT_EQ(engine.group.signals()[0].data(), (std::vector<std::uint8_t>{5, 0x1a, 0, 0xff, 7}));
-  EXPECT_EQ(engine.group.name() + engine.group.signals()[1].name() + std::to_string(engine.group.signals()[1].status()),
+  EXPECT_EQ(engine.group.name() + engine.group.signals()[1].name() +
+                std::to_string(engine.group.signals()[1].status()),
             "EngineTorque3");
   EXPECT_FALSE(engine.group.is_valid());
   EXPECT_TRUE(adapter.unpack("rt/E2", protocol::group_frame("Quiet", {})).group.is_valid());
@@ -145,22 +162,27 @@ TEST_F(ASignalAdapter, UnpacksOnlyGroupsThatMatchTheirDefinition) {
 
 TEST_F(ASignalAdapter, DropsEveryDefinitionWithOneErrorForAFileItCannotUse) {
   const std::string q = R"({"topic": "rt/E2", "name": "Q", "signals": [)";
-  for (const std::string& text : {std::string("{\"groups\": ["), std::string("[]"), std::string("{}"), std::string(R"({"groups": {}})"),
-                                  std::string(R"({"groups": [{"topic": "rt/E2", "name": "Q"}]})"),
-                                  std::string(R"({"groups": [{"topic": "", "name": "Q", "signals": []}]})"),
-                                  R"({"groups": [)" + q + "1]}]}", R"({"groups": [)" + q + "]}, " + q + "]}]}"}) {
+  for (const std::string& text :
+       {std::string("{\"groups\": ["), std::string("[]"), std::string("{}"),
+        std::string(R"({"groups": {}})"),
+        std::string(R"({"groups": [{"topic": "rt/E2", "name": "Q"}]})"),
+        std::string(R"({"groups": [{"topic": "", "name": "Q", "signals": []}]})"),
+        R"({"groups": [)" + q + "1]}]}", R"({"groups": [)" + q + "]}, " + q + "]}]}"}) {
     LogCapture log;
     const std::string path = write_file(scratch("bad.json"), text);
     EXPECT_FALSE(adapter.load(path)) << text;
     EXPECT_EQ(adapter.group_count(), 0u);
     ASSERT_EQ(log.matching("ERROR").size(), 1u) << text;
-    EXPECT_EQ(log.matching("ERROR")[0].rfind("ERROR lapi.rt: Malformed signal definitions " + path + ": ", 0), 0u);
+    EXPECT_EQ(log.matching("ERROR")[0].rfind(
+                  "ERROR lapi.rt: Malformed signal definitions " + path + ": ", 0),
+              0u);
   }
   ASSERT_TRUE(adapter.load(write_file(scratch("good.json"), R"({"groups": [)" + q + "]}]}")));
   LogCapture log;
   EXPECT_FALSE(adapter.load("/nonexistent/rt_signals.json"));
   EXPECT_EQ(adapter.group_count(), 0u);
-  EXPECT_EQ(log.lines(), Lines{"ERROR lapi.rt: Unable to read signal definitions /nonexistent/rt_signals.json"});
+  EXPECT_EQ(log.lines(),
+            Lines{"ERROR lapi.rt: Unable to read signal definitions /nonexistent/rt_signals.json"});
 }
 
 }  // namespace

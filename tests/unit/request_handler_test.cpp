@@ -46,46 +46,67 @@ struct Case {
 
 const std::string kAcq = "INFO tokard.reqhandler.acquire: ";
 const std::string kErr = "ERROR tokard.reqhandler: ";
-const std::string kNoClient = kErr + "Received Token request did not contain a client name, unable to handle request";
-const std::string kNoTopic = kErr + "Received Token request did not contain a request topic, unable to handle request";
+const std::string kNoClient =
+    kErr + "Received Token request did not contain a client name, unable to handle request";
+const std::string kNoTopic =
+    kErr + "Received Token request did not contain a request topic, unable to handle request";
 
 const std::vector<Case> kTable = {
     {"AnswersAcquiredRefreshBusyAndNoEcu",
      {acquire("rt/ECU1", "app1"), acquire("rt/ECU1", "app1"), acquire("rt/ECU1", "app2"),
       acquire("bus/ECU1", "app3"), acquire("rt/ECU1", "team/app+1")},
-     {"app/app1/pgn/response 3 rt/ECU1", "app/app1/pgn/response 3 rt/ECU1", "app/app2/pgn/response 4 rt/ECU1",
-      "app/app3/pgn/response 2 bus/ECU1", "app/team/app+1/pgn/response 4 rt/ECU1"},
-     {kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app1", kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app1",
+     {"app/app1/pgn/response 3 rt/ECU1", "app/app1/pgn/response 3 rt/ECU1",
+      "app/app2/pgn/response 4 rt/ECU1", "app/app3/pgn/response 2 bus/ECU1",
+      "app/team/app+1/pgn/response 4 rt/ECU1"},
+     {kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app1",
+      kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app1",
       kAcq + "ECU is busy or acquired by another client for rt/ECU1",
-      "ERROR tokard.reqhandler.acquire: Unable to do token handling for topic bus/ECU1 as requested from client: app3",
+      "ERROR tokard.reqhandler.acquire: Unable to do token handling for topic bus/ECU1 as "
+      "requested from client: app3",
       kAcq + "ECU is busy or acquired by another client for rt/ECU1"}},
     {"NeverAnswersReleasesButTheHolderFreesTheToken",
      {acquire("rt/ECU1", "app1"), release("rt/ECU1", "app2"), release("bus/ECU1", "app1"),
       acquire("rt/ECU1", "app2"), release("rt/ECU1", "app1"), acquire("rt/ECU1", "app2")},
-     {"app/app1/pgn/response 3 rt/ECU1", "app/app2/pgn/response 4 rt/ECU1", "app/app2/pgn/response 3 rt/ECU1"},
+     {"app/app1/pgn/response 3 rt/ECU1", "app/app2/pgn/response 4 rt/ECU1",
+      "app/app2/pgn/response 3 rt/ECU1"},
      {kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app1",
-      "ERROR tokard.reqhandler.release: Unable to do token handling for topic bus/ECU1 as requested from client: app1",
-      kAcq + "ECU is busy or acquired by another client for rt/ECU1", kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app2"}},
+      "ERROR tokard.reqhandler.release: Unable to do token handling for topic bus/ECU1 as "
+      "requested from client: app1",
+      kAcq + "ECU is busy or acquired by another client for rt/ECU1",
+      kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app2"}},
     {"DropsOtherTopics",
-     {{acquire("rt/ECU1", "a").msg, "system/tokard/request/x"}, {acquire("rt/ECU1", "a").msg, "system/tokard/reques"}},
+     {{acquire("rt/ECU1", "a").msg, "system/tokard/request/x"},
+      {acquire("rt/ECU1", "a").msg, "system/tokard/reques"}},
      {},
-     {kErr + "Unexpected message on topic: system/tokard/request/x", kErr + "Unexpected message on topic: system/tokard/reques"}},
+     {kErr + "Unexpected message on topic: system/tokard/request/x",
+      kErr + "Unexpected message on topic: system/tokard/reques"}},
     {"LogsEachDecodeErrorAsADecimalCode",
      {bytes([](auto& p) { p.clear(); }), bytes([](auto& p) { p.assign(18, 0xff); }),
-      bytes([](auto& p) { p[1] = p[2] = 0; }), bytes([](auto& p) { p[3] = 19; }), bytes([](auto& p) { p.pop_back(); })},
+      bytes([](auto& p) { p[1] = p[2] = 0; }), bytes([](auto& p) { p[3] = 19; }),
+      bytes([](auto& p) { p.pop_back(); })},
      {},
-     {kErr + "Deserialize error occurred: 1", kErr + "Deserialize error occurred: 2", kErr + "Deserialize error occurred: 3",
-      kErr + "Deserialize error occurred: 4", kErr + "Deserialize error occurred: 5"}},
+     {kErr + "Deserialize error occurred: 1", kErr + "Deserialize error occurred: 2",
+      kErr + "Deserialize error occurred: 3", kErr + "Deserialize error occurred: 4",
+      kErr + "Deserialize error occurred: 5"}},
     {"ChecksTheClientNameFirstThenTheTopic",
-     {with([](Request& r) { r.clear_client_name(); r.clear_request_topic(); }),
-      with([](Request& r) { r.set_client_name(""); }), with([](Request& r) { r.set_request_topic(""); }),
+     {with([](Request& r) {
+        r.clear_client_name();
+        r.clear_request_topic();
+      }),
+      with([](Request& r) { r.set_client_name(""); }),
+      with([](Request& r) { r.set_request_topic(""); }),
       with([](Request& r) { r.clear_request_topic(); })},
      {},
      {kNoClient, kNoClient, kNoTopic, kNoTopic}},
     {"RefusesAMissingOrUnknownActionByName",
      {with([](Request& r) { r.clear_action(); }),
       // action 7, kept as an unknown field
-      bytes([](auto& p) { p.insert(p.end(), {0x08, 0x07}); p[5] += 2; }, with([](Request& r) { r.clear_action(); }))},
+      bytes(
+          [](auto& p) {
+            p.insert(p.end(), {0x08, 0x07});
+            p[5] += 2;
+          },
+          with([](Request& r) { r.clear_action(); }))},
      {},
      {"INFO tokard.reqhandler: Request action: UNSPECIFIED not supported.",
       "INFO tokard.reqhandler: Request action: UNSPECIFIED not supported."}},
@@ -119,9 +140,10 @@ TEST(ARequestHandlerLifetime, SubscribesTheRequestTopicFirstAndWithdrawsEverySub
   auto handler = std::make_unique<RequestHandler>(transport);
   transport->deliver(protocol::kRequestTopic, acquire("rt/ECU1", "app1").msg);
   handler.reset();
-  EXPECT_EQ(transport->call_log(),
-            (Lines{"subscribe system/tokard/request", "subscribe rt/ECU1", "subscribe rttx/ECU1",
-                   "unsubscribe system/tokard/request", "unsubscribe rt/ECU1", "unsubscribe rttx/ECU1"}));
+  EXPECT_EQ(
+      transport->call_log(),
+      (Lines{"subscribe system/tokard/request", "subscribe rt/ECU1", "subscribe rttx/ECU1",
+             "unsubscribe system/tokard/request", "unsubscribe rt/ECU1", "unsubscribe rttx/ECU1"}));
   EXPECT_EQ(transport->calls[0].qos, 1);
   EXPECT_TRUE(transport->observers.empty());
 }

@@ -23,13 +23,17 @@ TEST(AServiceNotifier, TellsAListeningManagerEachStateAndFeedsOnlyItsOwnWatchdog
   const auto received = [manager] {
     std::string got;
     char buffer[64];
-    for (ssize_t n; (n = ::recv(manager, buffer, sizeof buffer, 0)) > 0;) got += std::string(buffer, n) + " ";
+    for (ssize_t n; (n = ::recv(manager, buffer, sizeof buffer, 0)) > 0;)
+      got += std::string(buffer, n) + " ";
     return got;
   };
   const std::vector<std::tuple<bool, bool, std::string>> cases{
-      {true, true, "READY=1 WATCHDOG=1 STOPPING=1 "}, {true, false, "READY=1 STOPPING=1 "}, {false, true, ""}};
+      {true, true, "READY=1 WATCHDOG=1 STOPPING=1 "},
+      {true, false, "READY=1 STOPPING=1 "},
+      {false, true, ""}};
   for (const auto& [listening, watched, sent] : cases) {
-    if (listening) ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    if (listening)
+      ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     ::setenv("WATCHDOG_USEC", "5000000", 1);
     ::setenv("WATCHDOG_PID", std::to_string(watched ? ::getpid() : 1).c_str(), 1);
     ServiceNotifier notifier;
@@ -37,7 +41,8 @@ TEST(AServiceNotifier, TellsAListeningManagerEachStateAndFeedsOnlyItsOwnWatchdog
     notifier.watchdog();
     notifier.stopping();
     EXPECT_EQ(received(), TOKARD_SYSTEMD ? sent : "");
-    for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) ::unsetenv(name);
+    for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+      ::unsetenv(name);
   }
   // The daemon is ready once, at its first connect.
   ::setenv("NOTIFY_SOCKET", path.c_str(), 1);

@@ -194,8 +194,8 @@ Parsed parse_command_line(int argc, char** argv) {
     }
   }
   if (options.words.size() < r.min_words) {
-    return fail(options.command + (r.min_words == 1 ? " needs a TOPIC"
-                                                    : " needs a TOPIC and at least one SIGNAL"));
+    return fail(options.command +
+                (r.min_words == 1 ? " needs a TOPIC" : " needs a TOPIC and at least one SIGNAL"));
   }
   if (r.min_words > 0 && options.words[0].empty()) {
     return fail(options.command + " needs a TOPIC that is not empty");

@@ -110,9 +110,9 @@ bool connect(TokenClient& client, const Options& options) {
   if (!error) {
     return true;
   }
-  complain(error == ClientError::BrokerUnreachable ? "no connection to the broker at " +
-                                                         broker(options)
-                                                   : error.message());
+  complain(error == ClientError::BrokerUnreachable
+               ? "no connection to the broker at " + broker(options)
+               : error.message());
   return false;
 }
 
@@ -269,8 +269,8 @@ int run_hold(const Options& options) {
   if ((result == AcquireResult::Busy || result == AcquireResult::NoAnswer) && wait_s > 0) {
     say(topic + ": " + tokard::client::to_string(result) + ", waiting up to " +
         seconds_text(wait_s) + " s");
-    const auto deadline =
-        started + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(wait_s));
+    const auto deadline = started + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(wait_s));
     // wait_for_token asks at once: pause first, or the ECU is asked twice in
     // a millisecond.
     bool stopped = false;
@@ -405,8 +405,8 @@ int run_status(const Options& options) {
     return kUsageOrConnection;
   }
   const auto start = Clock::now();
-  const auto deadline =
-      start + std::chrono::milliseconds(static_cast<long long>(options.timeout_s.value_or(2) * 1000));
+  const auto deadline = start + std::chrono::milliseconds(
+                                    static_cast<long long>(options.timeout_s.value_or(2) * 1000));
   while (Clock::now() < deadline && Clock::now() - std::max(start, collector->last()) < kQuiet) {
     std::this_thread::sleep_for(kConnectPoll);
   }
@@ -424,9 +424,12 @@ int run_status(const Options& options) {
 
 int run_watch(const Options& options) {
   namespace protocol = tokard::protocol;
-  static const std::vector<std::string> kDefaultTopics{
-      protocol::kRequestTopic, protocol::kResponseFilter, std::string(protocol::kRtPrefix) + "#",
-      std::string(protocol::kTxPrefix) + "#", protocol::kStateTopic, protocol::kStatusFilter};
+  static const std::vector<std::string> kDefaultTopics{protocol::kRequestTopic,
+                                                       protocol::kResponseFilter,
+                                                       std::string(protocol::kRtPrefix) + "#",
+                                                       std::string(protocol::kTxPrefix) + "#",
+                                                       protocol::kStateTopic,
+                                                       protocol::kStatusFilter};
   const std::vector<std::string>& topics = options.words.empty() ? kDefaultTopics : options.words;
   Ending ending;
   StopSignals signals;  // before the transport starts its thread

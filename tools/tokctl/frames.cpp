@@ -121,8 +121,8 @@ std::string describe_group(const Message& msg) {
   std::string signals;
   for (const auto& signal : group.signals()) {
     valid = valid && signal.status() == 0;
-    signals += " " + signal.name() + "=" + hex(signal.data()) + ":" +
-               std::to_string(signal.status());
+    signals +=
+        " " + signal.name() + "=" + hex(signal.data()) + ":" + std::to_string(signal.status());
   }
   return group.name() + (valid ? " valid" : " not valid") + signals;
 }
@@ -182,9 +182,9 @@ std::string describe(const std::string& topic, const Message& msg) {
       return "undecodable status (" + std::to_string(msg.payload.size()) + " bytes)";
     }
     using namespace std::chrono;
-    return status_line(*status, static_cast<std::uint64_t>(duration_cast<milliseconds>(
-                                    system_clock::now().time_since_epoch())
-                                    .count()));
+    return status_line(
+        *status, static_cast<std::uint64_t>(
+                     duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count()));
   }
   if (protocol::is_rt_topic(topic)) {
     return describe_group(msg);

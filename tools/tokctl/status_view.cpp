@@ -14,7 +14,8 @@ std::string held_for(const EcuStatus& status, std::uint64_t now_unix_ms) {
   if (status.holder.empty()) {
     return "-";
   }
-  const std::uint64_t ms = now_unix_ms > status.granted_unix_ms ? now_unix_ms - status.granted_unix_ms : 0;
+  const std::uint64_t ms =
+      now_unix_ms > status.granted_unix_ms ? now_unix_ms - status.granted_unix_ms : 0;
   return std::to_string(ms / 1000) + " s";
 }
 
@@ -47,8 +48,9 @@ std::optional<EcuStatus> read_status(const ecu::lapi::com::Message& msg) {
 
 std::string status_line(const EcuStatus& status, std::uint64_t now_unix_ms) {
   std::string line = status.ecu;
-  line += status.holder.empty() ? " free"
-                                : " held by " + status.holder + " for " + held_for(status, now_unix_ms);
+  line += status.holder.empty()
+              ? " free"
+              : " held by " + status.holder + " for " + held_for(status, now_unix_ms);
   line += ", generation " + std::to_string(status.generation);
   line += status.blocked ? ", blocked" : "";
   return line + ", topics " + joined(status.topics);
@@ -56,7 +58,8 @@ std::string status_line(const EcuStatus& status, std::uint64_t now_unix_ms) {
 
 std::string status_table(const std::string& availability, const std::vector<EcuStatus>& ecus,
                          std::uint64_t now_unix_ms) {
-  std::vector<std::vector<std::string>> rows{{"ECU", "HOLDER", "HELD", "GENERATION", "BLOCKED", "TOPICS"}};
+  std::vector<std::vector<std::string>> rows{
+      {"ECU", "HOLDER", "HELD", "GENERATION", "BLOCKED", "TOPICS"}};
   for (const auto& status : ecus) {
     rows.push_back({status.ecu, status.holder.empty() ? "-" : status.holder,
                     held_for(status, now_unix_ms), std::to_string(status.generation),
@@ -84,15 +87,17 @@ std::string status_json(const std::string& availability, const std::vector<EcuSt
                         std::uint64_t now_unix_ms) {
   nlohmann::json doc{{"tokard", availability}, {"ecus", nlohmann::json::array()}};
   for (const auto& status : ecus) {
-    nlohmann::json ecu{{"ecu", status.ecu},
-                       {"holder", status.holder.empty() ? nlohmann::json() : nlohmann::json(status.holder)},
-                       {"generation", status.generation},
-                       {"blocked", status.blocked},
-                       {"topics", status.topics},
-                       {"boot_id", status.boot_id}};
+    nlohmann::json ecu{
+        {"ecu", status.ecu},
+        {"holder", status.holder.empty() ? nlohmann::json() : nlohmann::json(status.holder)},
+        {"generation", status.generation},
+        {"blocked", status.blocked},
+        {"topics", status.topics},
+        {"boot_id", status.boot_id}};
     if (!status.holder.empty()) {
       ecu["granted_unix_ms"] = status.granted_unix_ms;
-      ecu["held_ms"] = now_unix_ms > status.granted_unix_ms ? now_unix_ms - status.granted_unix_ms : 0;
+      ecu["held_ms"] =
+          now_unix_ms > status.granted_unix_ms ? now_unix_ms - status.granted_unix_ms : 0;
     }
     doc["ecus"].push_back(std::move(ecu));
   }
