@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <system_error>
 
+#include "lapi/config/port.h"
 #include "lapi/logging/logging.h"
 #include "lapi/time/datetime.h"
 
@@ -124,7 +125,7 @@ void MqttClient::flush_and_disconnect() {
 }
 
 bool MqttClient::connect() {
-  if (!m_handle || m_host.empty() || m_port < 1 || m_port > 65535) {
+  if (!m_handle || m_host.empty() || !config::is_port(m_port)) {
     LAPI_LOG(ERROR, g_log) << "cannot connect to " << where() << ": unusable broker address";
     return false;
   }

@@ -2,6 +2,7 @@
 
 #include <cctype>
 
+#include "lapi/config/port.h"
 #include "lapi/logging/logging.h"
 
 namespace ecu::lapi::config {
@@ -20,19 +21,6 @@ std::string trim(const std::string& text) {
     --end;
   }
   return text.substr(begin, end - begin);
-}
-
-bool is_port(const std::string& text) {
-  if (text.empty() || text.size() > 5) {
-    return false;
-  }
-  for (char c : text) {
-    if (c < '0' || c > '9') {
-      return false;
-    }
-  }
-  const long port = std::stol(text);
-  return port >= 1 && port <= 65535;
 }
 
 }  // namespace
@@ -67,7 +55,7 @@ bool Configuration::verify() const {
       return false;
     }
   }
-  if (!is_port(get("port"))) {
+  if (parse_port(get("port")) == 0) {
     LAPI_LOG(WARNING, g_log) << "port '" << get("port") << "' is not a number from 1 to 65535";
     return false;
   }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "com/protocol.h"
 #include "ecu/ecu_listener.h"
 #include "lapi/com/transport.h"
 
@@ -67,10 +68,12 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
   std::string m_token_taken_by_client;
   std::set<std::string> m_topics;
   std::atomic<bool> m_request_active{false};
+  // Room for per-ECU resources that should live exactly as long as the
+  // record (a CAN filter, say); tokard needs none yet, so both stay empty.
   std::shared_ptr<void> m_handle_a;
   std::shared_ptr<void> m_handle_b;
   Clock::time_point m_token_time{};
-  const std::chrono::milliseconds m_token_timeout{10000};
+  const std::chrono::milliseconds m_token_timeout{protocol::kTokenTimeout};
   std::shared_ptr<EcuListener> m_listener;
   std::vector<const std::string*> m_topic_order;  // into m_topics, whose nodes stay put
   History m_history;

@@ -11,8 +11,6 @@ namespace {
 
 const ecu::lapi::logging::LogModulePtr g_log = ecu::lapi::logging::module("tokard.ecucontainer");
 
-constexpr int kQos = 1;
-
 }  // namespace
 
 EcuContainer::EcuContainer(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
@@ -69,8 +67,8 @@ bool EcuContainer::follow(const std::shared_ptr<Ecu>& ecu, const std::string& to
   if (!ecu->add_topic(topic)) {
     return false;
   }
-  m_client->subscribe(topic, kQos, ecu);
-  m_client->subscribe(protocol::tx_topic(topic), kQos, ecu);
+  m_client->subscribe(topic, protocol::kQos, ecu);
+  m_client->subscribe(protocol::tx_topic(topic), protocol::kQos, ecu);
   return true;
 }
 

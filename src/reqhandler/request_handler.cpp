@@ -1,6 +1,5 @@
 #include "reqhandler/request_handler.h"
 
-#include "com/message_adapter.h"
 #include "lapi/logging/logging.h"
 
 namespace tokard {
@@ -19,7 +18,7 @@ const logging::LogModulePtr g_log_release = logging::module("tokard.reqhandler.r
 RequestHandler::RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
     : m_transport(client), m_subscriber(new utils::SubWrapper(this)), m_ecu_container(client) {
   m_transport->subscribe(
-      kRequestTopic, 1,
+      kRequestTopic, protocol::kQos,
       std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
 }
 
@@ -54,8 +53,7 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
     LAPI_LOG(ERROR, g_log) << "Unexpected message on topic: " << topic;
     return;
   }
-  ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenRequest> adapter;
-  auto outcome = adapter.deserialize(msg);
+  auto outcome = protocol::read<PgnRequestTokenRequest>(msg);
   if (!outcome.ok) {
     LAPI_LOG(ERROR, g_log) << "Deserialize error occurred: " << static_cast<int>(outcome.error);
     return;
@@ -132,14 +130,12 @@ void RequestHandler::action_release(const PgnRequestTokenRequest& request) {
 
 void RequestHandler::send_response(const std::string& topic,
                                    const PgnRequestTokenResponse&& response) {
-  ecu::lapi::com::PbInternalMessageAdapter<PgnRequestTokenResponse> adapter;
-  auto [ok, built] = adapter.serialize(response);
-  if (!ok) {
+  ecu::lapi::com::Message msg = protocol::frame(response);
+  if (msg.payload.empty()) {
     LAPI_LOG_NO_MODULE(ERROR) << "Unable to serialize response for topic " << topic;
     return;
   }
-  ecu::lapi::com::Message msg = std::move(built);
-  msg.qos = 1;
+  msg.qos = protocol::kQos;
   m_transport->publish(topic, msg);
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 ecu::lapi::com::Message state(const char* text) {
   ecu::lapi::com::Message msg;
-  msg.qos = 1;
+  msg.qos = protocol::kQos;
   msg.extra_flag = true;
   msg.payload.assign(text, text + std::strlen(text));
   return msg;

@@ -58,7 +58,7 @@ void StatusPublisher::publish(const Ecu& ecu) {
   status.set_boot_id(m_boot_id);
 
   ecu::lapi::com::Message msg = protocol::frame(status);
-  msg.qos = 1;
+  msg.qos = protocol::kQos;
   msg.extra_flag = true;
   if (msg.payload.empty() || !m_client->publish(protocol::status_topic(ecu.m_name), msg)) {
     LAPI_LOG(WARNING, g_log) << "Status of ECU '" << ecu.m_name << "' not published";

@@ -13,7 +13,6 @@ namespace {
 
 const ecu::lapi::logging::LogModulePtr g_log = ecu::lapi::logging::module("tokard.status");
 
-constexpr int kQos = 1;
 // QoS 0: the broker queues at most max_queued_messages QoS 1 messages for a
 // client and drops the rest, and a read-back may bring thousands at once.
 constexpr int kStatusQos = 0;
@@ -55,7 +54,7 @@ StatusReadback::StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient>
     }
   });
   m_client->subscribe(protocol::kStatusFilter, kStatusQos, m_subscriber);
-  m_client->subscribe(m_marker_topic, kQos, m_subscriber);
+  m_client->subscribe(m_marker_topic, protocol::kQos, m_subscriber);
 }
 
 StatusReadback::~StatusReadback() {
@@ -81,7 +80,7 @@ void StatusReadback::remind() {
 
 void StatusReadback::send_marker() {
   ecu::lapi::com::Message marker;
-  marker.qos = kQos;
+  marker.qos = protocol::kQos;
   marker.payload.assign(m_marker.begin(), m_marker.end());
   m_client->publish(m_marker_topic, marker);
 }

@@ -3,6 +3,8 @@
 // Everything that names a topic or builds a frame takes it from here.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -23,8 +25,21 @@ using FrameError = ecu::lapi::com::err::PbInternalDeserializationError;
 template <typename Body>
 using Decoded = ecu::lapi::com::Outcome<Body, FrameError>;
 
+// Every message of the token protocol goes with MQTT QoS 1.
+inline constexpr int kQos = 1;
+
+// A holder that goes longer than this without a grant or renewal may lose
+// its token to another client.
+inline constexpr std::chrono::milliseconds kTokenTimeout{10000};
+
 // Every client's token requests.
 inline constexpr const char* kRequestTopic = "system/tokard/request";
+
+// Requests to wait in line for a token: an acquire joins the ECU's line (or
+// is granted at once), a release leaves it. Answered like acquires.
+inline constexpr const char* kWaitTopic = "system/tokard/wait";
+// At most this many clients wait in one ECU's line.
+inline constexpr std::size_t kMaxWaiters = 64;
 
 // The answers to one client's acquires: "app/<client>/pgn/response".
 inline std::string response_topic(const std::string& client) {
@@ -106,6 +121,11 @@ inline Message response_frame(Response::Result result, const std::string& rt_top
   response.set_request_topic(rt_topic);
   return frame(response);
 }
+
+// The words clients print for an answer ("acquired", "busy", "no ECU"), and
+// for a frame that does not decode; nullptr for a value no tokard sends.
+const char* to_word(Response::Result result) noexcept;
+const char* to_word(FrameError error) noexcept;
 
 struct SignalValue {
   std::string name;
