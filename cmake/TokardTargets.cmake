@@ -1,4 +1,4 @@
-# Warnings and sanitizers, applied per target so generated code stays out of it.
+# Warnings, applied per target so that generated code stays out of them.
 function(tokard_target_settings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wnon-virtual-dtor)
   if(TOKARD_WERROR)
@@ -6,6 +6,7 @@ function(tokard_target_settings target)
   endif()
 endfunction()
 
+# Sanitizers instrument everything, generated code and tests included.
 if(TOKARD_ASAN AND TOKARD_TSAN)
   message(FATAL_ERROR "TOKARD_ASAN and TOKARD_TSAN cannot be combined")
 endif()
