@@ -1,5 +1,6 @@
 // A transport that records subscriptions and publishes and hands messages to
-// the observers of a topic synchronously, as the delivery thread would.
+// the observers of a topic synchronously, as the delivery thread would, with
+// the broker's wildcard matching.
 #pragma once
 
 #include <algorithm>
@@ -8,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "lapi/com/observer_registry.h"
+#include "lapi/com/topic_check.h"
 #include "lapi/com/transport.h"
 
 namespace tokard::test {
@@ -34,14 +37,24 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
     published.push_back({topic, msg});
     return true;
   }
-  std::size_t subscription_count() const override { return observers.size(); }
+  std::size_t subscription_count() const override { return m_registry.size(); }
   bool subscribe(const std::string& topic, int qos, Observer observer) override {
     calls.push_back({"subscribe", topic, qos, observer.get()});
-    observers[topic].push_back(observer);
+    if (!observer || qos < 0 || qos > 2 || !ecu::lapi::com::is_topic_filter(topic)) {
+      return false;
+    }
+    auto& list = observers[topic];
+    if (std::find(list.begin(), list.end(), observer) == list.end()) {
+      list.push_back(observer);
+    }
+    static_cast<void>(m_registry.add(topic, qos, std::move(observer)));
     return true;
   }
   bool unsubscribe(const std::string& topic, Observer observer) override {
     calls.push_back({"unsubscribe", topic, 0, observer.get()});
+    if (!m_registry.remove(topic, observer).observer) {
+      return false;
+    }
     auto& list = observers[topic];
     list.erase(std::find(list.begin(), list.end(), observer));
     if (list.empty()) {
@@ -61,11 +74,11 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
     connected_callback = std::move(callback);
   }
 
-  // Hands `msg` to every observer of exactly `topic`.
+  // Hands `msg` to every observer whose filter matches `topic`, each once.
   void deliver(const std::string& topic, const Message& msg) {
-    const auto it = observers.find(topic);
-    const auto list = it == observers.end() ? std::vector<Observer>{} : it->second;
-    for (const auto& observer : list) {
+    std::vector<Observer> found;  // a copy: observers may (un)subscribe while called
+    m_registry.observers_of(topic, found);
+    for (const auto& observer : found) {
       observer->message(topic, msg);
     }
   }
@@ -84,7 +97,12 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   bool connected = false, running = false;
   std::vector<Call> calls;
   std::vector<Published> published;
+  // The observers of each filter, as subscribed. Read-only: deliver() and
+  // subscription_count() are the way in.
   std::map<std::string, std::vector<Observer>> observers;
+
+ private:
+  ecu::lapi::com::ObserverRegistry m_registry;
 };
 
 }  // namespace tokard::test
