@@ -1,11 +1,16 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace ecu::lapi::rt {
+
+// The fewest data bytes a signal may carry: consumers print the first four
+// bytes of every signal without checking.
+inline constexpr std::size_t kMinDataBytes = 4;
 
 // One signal of a real-time group as the ECU reported it.
 class Signal {
@@ -20,7 +25,7 @@ class Signal {
   Signal& operator=(Signal&&) noexcept = default;
 
   const std::string& name() const { return m_name; }
-  // Raw value bytes; signals from SignalAdapter::unpack carry at least four.
+  // Raw value bytes; signals from SignalAdapter::unpack carry at least kMinDataBytes.
   const std::vector<std::uint8_t>& data() const { return m_data; }
   // 0 means the signal's content is valid.
   std::uint32_t status() const { return m_status; }

@@ -16,9 +16,6 @@ namespace {
 
 const logging::LogModulePtr g_log = logging::module("lapi.rt");
 
-// Consumers print the first four bytes of every signal without checking.
-constexpr std::size_t kMinDataBytes = 4;
-
 using Json = nlohmann::json;
 
 bool is_string_array(const Json& value) {

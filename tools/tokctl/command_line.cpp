@@ -2,11 +2,15 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <map>
+#include <cstring>
 #include <set>
+
+#include "commands.h"
+#include "lapi/config/port.h"
 
 namespace tokctl {
 namespace {
@@ -27,38 +31,13 @@ const option kOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-struct CommandRule {
-  std::size_t min_words;
-  std::size_t max_words;
-  bool needs_client;
-  bool needs_group;
-  std::set<char> allowed;  // options beyond kEveryCommand
-};
-
 // Options that apply to every command.
-const std::set<char> kEveryCommand{'H', 'p', 'u', 'P', 'v'};
+constexpr const char* kEveryCommand = "HpuPv";
 
-const std::map<std::string, CommandRule>& rules() {
-  static const std::map<std::string, CommandRule> table{
-      {"acquire", {1, 1, true, false, {'c', 't'}}},
-      {"hold", {1, 1, true, false, {'c', 't', 'w'}}},
-      {"release", {1, 1, true, false, {'c'}}},
-      {"signal", {2, SIZE_MAX, false, true, {'g'}}},
-      {"watch", {0, SIZE_MAX, false, false, {}}},
-      {"status", {0, SIZE_MAX, false, false, {'j', 't'}}},
-  };
-  return table;
-}
-
-bool parse_port(const char* text, int& port) {
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || value < 1 || value > 65535) {
-    return false;
-  }
-  port = static_cast<int>(value);
-  return true;
+// What the port option accepts, in the words of its complaint.
+std::string port_range() {
+  using namespace ecu::lapi::config;
+  return "(" + std::to_string(kLowestPort) + " to " + std::to_string(kHighestPort) + ")";
 }
 
 bool parse_seconds(const char* text, double& seconds) {
@@ -99,10 +78,23 @@ std::string from_environment(const char* name) {
 Parsed parse_command_line(int argc, char** argv) {
   Parsed parsed;
   Options& options = parsed.options;
+  // The first "--" ends tokctl's own words: what follows is hold's COMMAND,
+  // never read for options.
+  std::vector<char*> own(argv, argv + argc);
+  const auto dashes = std::find_if(own.begin(), own.end(),
+                                   [](const char* word) { return std::strcmp(word, "--") == 0; });
+  const bool has_program = dashes != own.end();
+  if (has_program) {
+    options.program.assign(dashes + 1, own.end());
+    own.erase(dashes, own.end());
+  }
+  argc = static_cast<int>(own.size());
+  own.push_back(nullptr);
+  argv = own.data();
   std::set<char> given;
   options.username = from_environment(kUsernameVariable);
   options.password = from_environment(kPasswordVariable);
-  optind = 1;
+  optind = 0;  // 0: GNU getopt starts afresh, also after an earlier parse in process
   opterr = 0;  // our own messages, one style
   for (;;) {
     const int opt = getopt_long(argc, argv, ":H:p:c:w:t:g:u:P:vhV", kOptions, nullptr);
@@ -118,8 +110,9 @@ Parsed parse_command_line(int argc, char** argv) {
         }
         break;
       case 'p':
-        if (!parse_port(optarg, options.port)) {
-          return fail(std::string("'") + optarg + "' is not a port number (1 to 65535)");
+        options.port = ecu::lapi::config::parse_port(optarg);
+        if (options.port == 0) {
+          return fail(std::string("'") + optarg + "' is not a port number " + port_range());
         }
         break;
       case 'c':
@@ -183,13 +176,14 @@ Parsed parse_command_line(int argc, char** argv) {
   options.command = argv[optind];
   options.words.assign(argv + optind + 1, argv + argc);
 
-  const auto rule = rules().find(options.command);
-  if (rule == rules().end()) {
+  const Command* rule = find_command(options.command);
+  if (rule == nullptr) {
     return fail("unknown command '" + options.command + "'");
   }
-  const CommandRule& r = rule->second;
+  const Command& r = *rule;
   for (char option : given) {
-    if (kEveryCommand.count(option) == 0 && r.allowed.count(option) == 0) {
+    if (std::strchr(kEveryCommand, option) == nullptr &&
+        std::strchr(r.options, option) == nullptr) {
       return fail(std::string("--") + long_name(option) + " does not apply to " + options.command);
     }
   }
@@ -209,55 +203,50 @@ Parsed parse_command_line(int argc, char** argv) {
   if (r.needs_group && options.group.empty()) {
     return fail(options.command + " needs --group NAME");
   }
+  if (has_program && !r.runs_program) {
+    return fail(options.command + " runs no COMMAND: nothing may follow --");
+  }
+  if (has_program && options.program.empty()) {
+    return fail(options.command + " needs a COMMAND after --");
+  }
   parsed.ok = true;
   return parsed;
 }
 
-const char* help_text() {
-  return "Usage: tokctl [OPTIONS] COMMAND [ARGUMENTS]\n"
-         "\n"
-         "Ask tokard for ECU tokens, feed real-time signal groups and watch the broker.\n"
-         "\n"
-         "Commands:\n"
-         "  acquire TOPIC --client NAME\n"
-         "      Ask once for the token of the ECU that TOPIC names (rt/ECU1) and print\n"
-         "      the answer. A granted token lapses 10 s later unless asked for again.\n"
-         "  hold TOPIC --client NAME [--wait SECONDS]\n"
-         "      Acquire the token and keep renewing it until SIGINT or SIGTERM, then\n"
-         "      release it. With --wait, retry while the ECU is busy, up to SECONDS.\n"
-         "  release TOPIC --client NAME\n"
-         "      Give the token back (tokard ignores it from a client that does not hold it).\n"
-         "  signal TOPIC --group NAME SIGNAL=HEX:STATUS...\n"
-         "      Publish one real-time signal group on TOPIC: each SIGNAL with its data\n"
-         "      bytes in hex (at least four) and its status (0 valid). A group whose\n"
-         "      statuses are all 0 blocks the ECU's token; any other frees it.\n"
-         "  watch [TOPIC...]\n"
-         "      Print the requests, answers and signal groups seen on the broker, one\n"
-         "      line each with the time, until SIGINT or SIGTERM. Default topics:\n"
-         "      system/tokard/request app/+/pgn/response rt/# rttx/#\n"
-         "      system/tokard/state system/tokard/status/+\n"
-         "  status [ECU...] [--json]\n"
-         "      Print whether tokard is online and, for every ECU (or those named), who\n"
-         "      holds its token, for how long, its generation, whether it is blocked\n"
-         "      and its topics. Exit status 0 while tokard is online, 4 otherwise.\n"
-         "\n"
-         "Options:\n"
-         "  -H, --host HOST          broker host name or address (default: localhost)\n"
-         "  -p, --port PORT          broker port (default: 1883)\n"
-         "  -c, --client NAME        the client name the token is held in\n"
-         "  -w, --wait SECONDS       hold: how long to retry while the ECU is busy\n"
-         "  -t, --timeout SECONDS    how long to wait for tokard's answer (default: 2)\n"
-         "  -g, --group NAME         signal: the signal group's name\n"
-         "  -u, --username NAME      broker account (default: $TOKCTL_USERNAME, else none)\n"
-         "  -P, --password PASSWORD  its password (default: $TOKCTL_PASSWORD); the\n"
-         "                           variable keeps it out of the process list\n"
-         "  -v, --verbose            log the client's own activity on standard error\n"
-         "  -j, --json               status: print one JSON document\n"
-         "  -h, --help               show this help\n"
-         "  -V, --version            show tokctl's version\n"
-         "\n"
-         "Exit status: 0 acquired (or done), 1 usage or connection error,\n"
-         "2 no ECU for the topic, 3 busy, 4 no answer from tokard.\n";
+const std::string& help_text() {
+  static const std::string text = [] {
+    std::string out =
+        "Usage: tokctl [OPTIONS] COMMAND [ARGUMENTS]\n"
+        "\n"
+        "Ask tokard for ECU tokens, feed real-time signal groups and watch the broker.\n"
+        "\n"
+        "Commands:\n";
+    for (const auto& command : commands()) {
+      out += std::string("  ") + command.usage + "\n" + command.description;
+    }
+    return out +
+           "\n"
+           "Options:\n"
+           "  -H, --host HOST          broker host name or address (default: localhost)\n"
+           "  -p, --port PORT          broker port (default: 1883)\n"
+           "  -c, --client NAME        the client name the token is held in\n"
+           "  -w, --wait SECONDS       hold: how long to wait in line while the ECU is busy\n"
+           "  -t, --timeout SECONDS    how long to wait for tokard's answer (default: 2)\n"
+           "  -g, --group NAME         signal: the signal group's name\n"
+           "  -u, --username NAME      broker account (default: $TOKCTL_USERNAME, else none)\n"
+           "  -P, --password PASSWORD  its password (default: $TOKCTL_PASSWORD); the\n"
+           "                           variable keeps it out of the process list\n"
+           "  -v, --verbose            log the client's own activity on standard error\n"
+           "  -j, --json               status: print one JSON document\n"
+           "  -h, --help               show this help\n"
+           "  -V, --version            show tokctl's version\n"
+           "\n"
+           "Exit status: 0 acquired (or done), 1 usage or connection error,\n"
+           "2 no ECU for the topic, 3 busy (also a token lost), 4 no answer from tokard;\n"
+           "hold -- COMMAND: COMMAND's status (128+N if killed by signal N), 3 when the\n"
+           "token was lost, 126 or 127 when COMMAND could not be run.\n";
+  }();
+  return text;
 }
 
 const char* version_text() { return "tokctl " TOKCTL_VERSION "\n"; }

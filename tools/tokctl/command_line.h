@@ -1,5 +1,5 @@
 // tokctl's command line: one command word, its arguments, and options that
-// may stand anywhere among them.
+// may stand anywhere among them; for hold, "--" and a COMMAND to run.
 #pragma once
 
 #include <optional>
@@ -18,8 +18,9 @@ enum ExitStatus : int {
 };
 
 struct Options {
-  std::string command;             // acquire, hold, release, signal, watch, status
-  std::vector<std::string> words;  // the command's arguments, in order
+  std::string command;               // acquire, hold, release, signal, watch, status
+  std::vector<std::string> words;    // the command's arguments, in order
+  std::vector<std::string> program;  // hold: the COMMAND after "--" and its arguments
   std::string host = "localhost";
   int port = 1883;
   std::string client;
@@ -45,10 +46,11 @@ struct Parsed {
   std::string error;  // for "tokctl: <error>" when not ok
 };
 
+// Reads the environment for the broker login; argv is not changed.
 Parsed parse_command_line(int argc, char** argv);
 
 // The help text, for standard output.
-const char* help_text();
+const std::string& help_text();
 
 // "tokctl <version>", for standard output.
 const char* version_text();

@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <sstream>
+#include <ctime>
 
 #include "com/protocol.h"
+#include "lapi/rt/signal.h"
 #include "status_view.h"
 
 namespace tokctl {
@@ -15,10 +17,10 @@ using ecu::lapi::com::Message;
 using ecu::lapi::pb::PgnRequestTokenRequest;
 using ecu::lapi::pb::PgnRequestTokenResponse;
 using ecu::lapi::pb::RtSignalGroup;
-namespace err = ecu::lapi::com::err;
+using ecu::lapi::rt::kMinDataBytes;
 
-constexpr std::size_t kMinDataBytes = 4;  // what tokard's signal decoding insists on
-constexpr std::size_t kHexShown = 32;     // bytes of an unknown payload printed
+static_assert(kMinDataBytes == 4, "the help and the complaints say \"four\"");
+constexpr std::size_t kHexShown = 32;  // bytes of an unknown payload printed
 
 int hex_digit(char c) {
   if (c >= '0' && c <= '9') {
@@ -44,29 +46,14 @@ std::string hex(const std::string& bytes, std::size_t limit = std::string::npos)
   return out;
 }
 
-const char* failure_text(err::PbInternalDeserializationError error) {
-  switch (error) {
-    case err::TOO_SHORT:
-      return "shorter than the header";
-    case err::HEADER_DECODE:
-      return "header does not decode";
-    case err::PROTOCOL_NOT_USED:
-      return "protocol type 0";
-    case err::HEADER_LENGTH:
-      return "header length is not 18";
-    case err::BODY_DECODE:
-      return "body does not decode";
-    default:
-      return "unknown error";
-  }
-}
-
-std::string undecodable(const Message& msg, err::PbInternalDeserializationError error) {
+std::string undecodable(const Message& msg, tokard::protocol::FrameError error) {
+  const char* word = tokard::protocol::to_word(error);
   return "undecodable frame (" + std::to_string(msg.payload.size()) + " bytes, " +
-         failure_text(error) + ")";
+         (word != nullptr ? word : "error " + std::to_string(error)) + ")";
 }
 
-std::string describe_request(const Message& msg) {
+// `words` for ACQUIRE and RELEASE: what the request asks on its topic.
+std::string describe_request(const Message& msg, const char* const (&words)[2]) {
   const auto decoded = tokard::protocol::read<PgnRequestTokenRequest>(msg);
   if (!decoded.ok) {
     return undecodable(msg, decoded.error);
@@ -75,10 +62,10 @@ std::string describe_request(const Message& msg) {
   std::string action;
   switch (request.action()) {
     case PgnRequestTokenRequest::ACQUIRE:
-      action = "acquire";
+      action = words[0];
       break;
     case PgnRequestTokenRequest::RELEASE:
-      action = "release";
+      action = words[1];
       break;
     default:
       action = "action " + PgnRequestTokenRequest::Action_Name(request.action());
@@ -93,21 +80,9 @@ std::string describe_response(const Message& msg) {
     return undecodable(msg, decoded.error);
   }
   const auto& response = decoded.value;
-  std::string result;
-  switch (response.result()) {
-    case PgnRequestTokenResponse::ACQUIRED:
-      result = "acquired";
-      break;
-    case PgnRequestTokenResponse::BUSY:
-      result = "busy";
-      break;
-    case PgnRequestTokenResponse::NO_ECU:
-      result = "no ECU";
-      break;
-    default:
-      result = "result " + PgnRequestTokenResponse::Result_Name(response.result());
-      break;
-  }
+  const char* word = tokard::protocol::to_word(response.result());
+  const std::string result =
+      word != nullptr ? word : "result " + PgnRequestTokenResponse::Result_Name(response.result());
   return result + " " + response.request_topic();
 }
 
@@ -129,7 +104,7 @@ std::string describe_group(const Message& msg) {
 
 }  // namespace
 
-bool parse_signal(const std::string& word, SignalSpec& out, std::string& error) {
+bool parse_signal(const std::string& word, tokard::protocol::SignalValue& out, std::string& error) {
   const auto eq = word.find('=');
   const auto colon = word.rfind(':');
   if (eq == std::string::npos || eq == 0 || colon == std::string::npos || colon < eq) {
@@ -165,10 +140,13 @@ bool parse_signal(const std::string& word, SignalSpec& out, std::string& error) 
   return true;
 }
 
-std::string describe(const std::string& topic, const Message& msg) {
+std::string describe(const std::string& topic, const Message& msg, std::uint64_t now_unix_ms) {
   namespace protocol = tokard::protocol;
   if (topic == protocol::kRequestTopic) {
-    return describe_request(msg);
+    return describe_request(msg, {"acquire", "release"});
+  }
+  if (topic == protocol::kWaitTopic) {
+    return describe_request(msg, {"wait for", "leave the line of"});
   }
   if (protocol::is_response_topic(topic)) {
     return describe_response(msg);
@@ -181,10 +159,7 @@ std::string describe(const std::string& topic, const Message& msg) {
     if (!status) {
       return "undecodable status (" + std::to_string(msg.payload.size()) + " bytes)";
     }
-    using namespace std::chrono;
-    return status_line(
-        *status, static_cast<std::uint64_t>(
-                     duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count()));
+    return status_line(*status, now_unix_ms);
   }
   if (protocol::is_rt_topic(topic)) {
     return describe_group(msg);
@@ -195,6 +170,26 @@ std::string describe(const std::string& topic, const Message& msg) {
     text += " " + hex(bytes, kHexShown) + (bytes.size() > kHexShown ? "..." : "");
   }
   return text;
+}
+
+std::string watch_line(const std::string& topic, const Message& msg,
+                       std::chrono::system_clock::time_point now) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()) %
+                  std::chrono::seconds(1);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char text[32];
+  const std::size_t length = std::strftime(text, sizeof text, "%H:%M:%S", &local);
+  char millis[8];
+  std::snprintf(millis, sizeof millis, ".%03d", static_cast<int>(ms.count()));
+  return std::string(text, length) + millis + " " + topic + " " +
+         describe(topic, msg, unix_ms(now));
+}
+
+std::uint64_t unix_ms(std::chrono::system_clock::time_point time) {
+  using namespace std::chrono;
+  return static_cast<std::uint64_t>(duration_cast<milliseconds>(time.time_since_epoch()).count());
 }
 
 }  // namespace tokctl

@@ -30,21 +30,5 @@ int main(int argc, char** argv) {
     configure_logging("DEBUG");
     enable("lapi", true);
   }
-
-  if (options.command == "acquire") {
-    return tokctl::run_acquire(options);
-  }
-  if (options.command == "hold") {
-    return tokctl::run_hold(options);
-  }
-  if (options.command == "release") {
-    return tokctl::run_release(options);
-  }
-  if (options.command == "signal") {
-    return tokctl::run_signal(options);
-  }
-  if (options.command == "status") {
-    return tokctl::run_status(options);
-  }
-  return tokctl::run_watch(options);
+  return tokctl::run_command(options);
 }
