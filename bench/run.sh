@@ -12,14 +12,16 @@
 #  5. user-space instructions per acquire (callgrind, long run minus short
 #     run, so start-up cancels);
 #  6. a plot of the round-trip distribution (docs/roundtrip.png);
-#  7. the micro-benchmarks.
+#  7. the micro-benchmarks;
+#  8. the line of waiting clients (bench/handover, on part 1's tokard):
+#     hand-over time, renewals beside 64 waiters, a waiter's requests in 30 s.
 # Every run is bounded in count or time; the whole takes about 5 minutes
 # after the build on two cores (parts 3 and 4 about 1.5 of them).
 #
 # Usage: bench/run.sh
 # Environment: BUILD_DIR (build-bench), PAIRS (5), DURATION (seconds per run, 3),
 #   SIDE_PAIRS (pairs of runs of parts 3 and 4, 3), PLOT (docs/roundtrip.png),
-#   MIX=0, BRIDGE=0, CALLGRIND=0 and MICRO=0 to skip those parts.
+#   MIX=0, BRIDGE=0, CALLGRIND=0, MICRO=0 and HANDOVER=0 to skip those parts.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -46,6 +48,7 @@ MIX=${MIX:-1}
 BRIDGE=${BRIDGE:-1}
 CALLGRIND=${CALLGRIND:-1}
 MICRO=${MICRO:-1}
+HANDOVER=${HANDOVER:-1}
 
 # --- tools ------------------------------------------------------------------
 need=()
@@ -65,11 +68,12 @@ if ! grep -qs '^TOKARD_BUILD_BENCH:BOOL=ON' "$BUILD_DIR/CMakeCache.txt"; then
   cmake --preset bench -B "$BUILD_DIR" >/dev/null
 fi
 cmake --build "$BUILD_DIR" -j2 --target tokard tokard_loadgen tokard_responder \
-  tokard_microbench >/dev/null
+  tokard_microbench tokard_handover >/dev/null
 TOKARD=$root/$BUILD_DIR/src/main/tokard
 LOADGEN=$root/$BUILD_DIR/bench/loadgen
 RESPONDER=$root/$BUILD_DIR/bench/responder
 MICROBENCH=$root/$BUILD_DIR/bench/microbench
+HANDOVER_TOOL=$root/$BUILD_DIR/bench/handover
 
 session_start bench
 median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
@@ -179,6 +183,13 @@ for c in "${CLIENT_COUNTS[@]}"; do
     done
   done
 done
+
+# --- the line of waiting clients -----------------------------------------------
+if [ "$HANDOVER" != 0 ]; then
+  say ""
+  say "== The line of waiting clients (bench/handover)"
+  "$HANDOVER_TOOL" -p "$port_t" | sed 's/^/  /'
+fi
 
 # --- memory -------------------------------------------------------------------
 say ""

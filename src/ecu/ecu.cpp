@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iomanip>
+#include <mutex>
 #include <ostream>
 #include <utility>
 #include <vector>
@@ -123,6 +124,11 @@ void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) 
   }
 
   const ecu::lapi::rt::SignalGroup group = std::move(result.group);
+  // The lease watch changes records from a thread of its own.
+  std::unique_lock<std::mutex> lock;
+  if (m_line != nullptr) {
+    lock = std::unique_lock<std::mutex>(m_line->mutex());
+  }
   const bool was_active = m_request_active.load();
   const bool was_held = !m_token_taken_by_client.empty();
   m_request_active.store(group.is_valid());
@@ -139,9 +145,15 @@ void Ecu::message(const std::string& topic, const ecu::lapi::com::Message& msg) 
   LAPI_LOG(INFO, g_log) << "[" << m_name
                         << "] Accept requests: " << (m_request_active.load() ? "NO" : "YES") << " '"
                         << topic << "'";
-  if (m_listener &&
-      (was_active != m_request_active.load() || was_held != !m_token_taken_by_client.empty())) {
+  const bool changed = m_listener && (was_active != m_request_active.load() ||
+                                      was_held != !m_token_taken_by_client.empty());
+  if (changed) {
     m_listener->token_changed(*this);
+  }
+  if (m_line != nullptr) {
+    m_line->changed(*this);
+  }
+  if (changed) {
     m_listener->settle();
   }
 }

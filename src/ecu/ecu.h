@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "com/protocol.h"
+#include "ecu/ecu_line.h"
 #include "ecu/ecu_listener.h"
 #include "lapi/com/transport.h"
 
@@ -16,7 +17,9 @@ namespace tokard {
 
 // One ECU's token: which client holds it and since when, and whether the ECU
 // accepts requests at all (it does not while its signal group is valid).
-// Observes the ECU's real-time topics to follow that group.
+// Observes the ECU's real-time topics to follow that group. With a line of
+// waiting clients set, all work on the record happens under the line's
+// mutex (message() takes it; the request handler and the lease watch hold it).
 class Ecu : public ecu::lapi::com::ISubscriptionObserver {
  public:
   using Clock = std::chrono::steady_clock;
@@ -50,6 +53,19 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
                const History& history);
   // Told about every later change of the holder or the flag.
   void set_listener(std::shared_ptr<EcuListener> listener) { m_listener = std::move(listener); }
+  // The line of waiting clients, which outlives every delivery to the record.
+  void set_line(EcuLine* line) { m_line = line; }
+  // Tell the listener that the line changed, and that a change is complete.
+  void line_changed() {
+    if (m_listener) {
+      m_listener->token_changed(*this);
+    }
+  }
+  void settle() {
+    if (m_listener) {
+      m_listener->settle();
+    }
+  }
 
   const std::set<std::string>& topics() const { return m_topics; }
   // The same, in the order they were added.
@@ -57,6 +73,11 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
   const History& history() const { return m_history; }
   const std::string& holder() const { return m_token_taken_by_client; }
   bool request_active() const { return m_request_active.load(); }
+  // The last grant or renewal.
+  Clock::time_point lease_start() const { return m_token_time; }
+  std::vector<std::string> waiters() const {
+    return m_line ? m_line->waiters(*this) : std::vector<std::string>{};
+  }
 
   const std::string m_name;
 
@@ -77,6 +98,7 @@ class Ecu : public ecu::lapi::com::ISubscriptionObserver {
   std::shared_ptr<EcuListener> m_listener;
   std::vector<const std::string*> m_topic_order;  // into m_topics, whose nodes stay put
   History m_history;
+  EcuLine* m_line = nullptr;
 };
 
 }  // namespace tokard

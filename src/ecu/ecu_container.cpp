@@ -25,6 +25,20 @@ EcuContainer::~EcuContainer() {
   }
 }
 
+void EcuContainer::set_listener(std::shared_ptr<EcuListener> listener) {
+  m_listener = std::move(listener);
+  if (m_listener && m_line != nullptr) {
+    m_listener->set_records_lock(m_line->mutex());
+  }
+}
+
+void EcuContainer::set_line(EcuLine* line) {
+  m_line = line;
+  if (m_listener && m_line != nullptr) {
+    m_listener->set_records_lock(m_line->mutex());
+  }
+}
+
 std::shared_ptr<Ecu> EcuContainer::ecu_from_topic(const std::string& topic) const {
   const auto name = utils::ecu_from_topic(topic);
   if (!name.ok) {
@@ -59,6 +73,7 @@ std::shared_ptr<Ecu>& EcuContainer::record(const std::string& name) const {
     if (m_listener) {
       found->second->set_listener(m_listener);
     }
+    found->second->set_line(m_line);
   }
   return found->second;
 }

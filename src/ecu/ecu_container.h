@@ -31,7 +31,10 @@ class EcuContainer {
 
   // Told about new topics of every record, and handed to every record
   // created from now on.
-  void set_listener(std::shared_ptr<EcuListener> listener) { m_listener = std::move(listener); }
+  void set_listener(std::shared_ptr<EcuListener> listener);
+  // The line of waiting clients, handed to every record created from now
+  // on; it outlives the container.
+  void set_line(EcuLine* line);
 
   // Tells the listener that the changes of one request are complete.
   void settle() const {
@@ -46,6 +49,7 @@ class EcuContainer {
   mutable std::map<std::string, std::shared_ptr<Ecu>> m_ecus;
   std::shared_ptr<ecu::lapi::com::ITransportClient> m_client;
   std::shared_ptr<EcuListener> m_listener;
+  EcuLine* m_line = nullptr;
 
   std::shared_ptr<Ecu>& record(const std::string& name) const;
   bool follow(const std::shared_ptr<Ecu>& ecu, const std::string& topic) const;

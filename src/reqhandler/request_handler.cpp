@@ -12,19 +12,33 @@ using ecu::lapi::pb::PgnRequestTokenResponse;
 const logging::LogModulePtr g_log = logging::module("tokard.reqhandler");
 const logging::LogModulePtr g_log_acquire = logging::module("tokard.reqhandler.acquire");
 const logging::LogModulePtr g_log_release = logging::module("tokard.reqhandler.release");
+const logging::LogModulePtr g_log_queue = logging::module("tokard.queue");
+
+void no_ecu(const logging::LogModulePtr& log, const PgnRequestTokenRequest& request) {
+  LAPI_LOG(ERROR, log) << "Unable to do token handling for topic " << request.request_topic()
+                       << " as requested from client: " << request.client_name();
+}
 
 }  // namespace
 
 RequestHandler::RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
-    : m_transport(client), m_subscriber(new utils::SubWrapper(this)), m_ecu_container(client) {
-  m_transport->subscribe(
-      kRequestTopic, protocol::kQos,
-      std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+    : m_transport(client),
+      m_subscriber(new utils::SubWrapper(this)),
+      m_lines(client),
+      m_ecu_container(client) {
+  m_ecu_container.set_line(&m_lines);
+  const auto observer =
+      std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber);
+  m_transport->subscribe(kRequestTopic, protocol::kQos, observer);
+  m_transport->subscribe(protocol::kWaitTopic, protocol::kQos, observer);
 }
 
 RequestHandler::~RequestHandler() {
-  m_transport->unsubscribe(
-      kRequestTopic, std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber));
+  m_lines.stop();
+  const auto observer =
+      std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber);
+  m_transport->unsubscribe(kRequestTopic, observer);
+  m_transport->unsubscribe(protocol::kWaitTopic, observer);
 }
 
 void RequestHandler::hold_requests(std::function<void()> on_held) {
@@ -49,7 +63,8 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
     }
     return;
   }
-  if (topic != kRequestTopic) {
+  const bool wait = topic == protocol::kWaitTopic;
+  if (!wait && topic != kRequestTopic) {
     LAPI_LOG(ERROR, g_log) << "Unexpected message on topic: " << topic;
     return;
   }
@@ -69,12 +84,17 @@ void RequestHandler::message(const std::string& topic, const ecu::lapi::com::Mes
                            << "unable to handle request";
     return;
   }
+  const std::lock_guard<std::mutex> lock(m_lines.mutex());
+  decide(wait, request);
+}
+
+void RequestHandler::decide(bool wait, const PgnRequestTokenRequest& request) {
   switch (request.action()) {
     case PgnRequestTokenRequest::ACQUIRE:
-      action_acquire(request);
+      wait ? wait_acquire(request) : action_acquire(request);
       break;
     case PgnRequestTokenRequest::RELEASE:
-      action_release(request);
+      wait ? wait_release(request) : action_release(request);
       m_ecu_container.settle();
       break;
     default:
@@ -95,11 +115,10 @@ void RequestHandler::action_acquire(const PgnRequestTokenRequest& request) {
   PgnRequestTokenResponse::Result result;
   const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
   if (!ecu) {
-    LAPI_LOG(ERROR, g_log_acquire)
-        << "Unable to do token handling for topic " << request.request_topic()
-        << " as requested from client: " << request.client_name();
+    no_ecu(g_log_acquire, request);
     result = PgnRequestTokenResponse::NO_ECU;
-  } else if (ecu->acquire_token(request.client_name())) {
+  } else if (!m_lines.refuses(*ecu, request.client_name()) &&
+             ecu->acquire_token(request.client_name())) {
     LAPI_LOG(INFO, g_log_acquire) << "Token acquired for '" << ecu->m_name << "' on "
                                   << request.request_topic() << " by " << request.client_name();
     result = PgnRequestTokenResponse::ACQUIRED;
@@ -121,11 +140,33 @@ void RequestHandler::action_release(const PgnRequestTokenRequest& request) {
   const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
   if (ecu) {
     (void)ecu->release_token(request.client_name());
+    m_lines.changed(*ecu);
     return;
   }
-  LAPI_LOG(ERROR, g_log_release) << "Unable to do token handling for topic "
-                                 << request.request_topic()
-                                 << " as requested from client: " << request.client_name();
+  no_ecu(g_log_release, request);
+}
+
+void RequestHandler::wait_acquire(const PgnRequestTokenRequest& request) {
+  PgnRequestTokenResponse response;
+  response.set_request_topic(request.request_topic());
+  const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
+  if (!ecu) {
+    no_ecu(g_log_queue, request);
+    response.set_result(PgnRequestTokenResponse::NO_ECU);
+  } else {
+    response.set_result(m_lines.join(ecu, request.client_name(), request.request_topic()));
+  }
+  m_ecu_container.settle();
+  send_response(protocol::response_topic(request.client_name()), std::move(response));
+}
+
+void RequestHandler::wait_release(const PgnRequestTokenRequest& request) {
+  const std::shared_ptr<Ecu> ecu = m_ecu_container.ecu_from_topic(request.request_topic());
+  if (ecu) {
+    m_lines.leave(*ecu, request.client_name());
+    return;
+  }
+  no_ecu(g_log_queue, request);
 }
 
 void RequestHandler::send_response(const std::string& topic,

@@ -10,6 +10,7 @@
 #include "ecu/ecu_container.h"
 #include "ecu/pb/pgn.pb.h"
 #include "lapi/com/transport.h"
+#include "queue/wait_lines.h"
 #include "utils/sub_wrapper.h"
 
 namespace tokard {
@@ -17,6 +18,9 @@ namespace tokard {
 // Serves "system/tokard/request": decodes and checks each token request,
 // lets the ECU's record decide and answers every acquire on
 // "app/<client>/pgn/response". Releases and refused requests get no answer.
+// Serves "system/tokard/wait" the same way: an acquire there joins the
+// ECU's line of waiting clients, a release leaves it. Decisions are taken
+// under the lines' lock (see WaitLines for the threading contract).
 class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
  public:
   static constexpr const char* kRequestTopic = protocol::kRequestTopic;
@@ -37,6 +41,7 @@ class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
   void release_held();
 
   EcuContainer& ecu_container() { return m_ecu_container; }
+  WaitLines& wait_lines() { return m_lines; }
 
  protected:
   virtual void action_acquire(const ecu::lapi::pb::PgnRequestTokenRequest& request);
@@ -45,8 +50,13 @@ class RequestHandler : ecu::lapi::com::ISubscriptionObserver {
                      const ecu::lapi::pb::PgnRequestTokenResponse&& response);
 
  private:
+  void decide(bool wait, const ecu::lapi::pb::PgnRequestTokenRequest& request);
+  void wait_acquire(const ecu::lapi::pb::PgnRequestTokenRequest& request);
+  void wait_release(const ecu::lapi::pb::PgnRequestTokenRequest& request);
+
   std::shared_ptr<ecu::lapi::com::ITransportClient> m_transport;
   std::shared_ptr<utils::SubWrapper> m_subscriber;
+  WaitLines m_lines;  // before the container: its records point here
   EcuContainer m_ecu_container;
   bool m_holding = false;
   std::vector<std::pair<std::string, ecu::lapi::com::Message>> m_held;

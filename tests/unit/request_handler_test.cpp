@@ -24,6 +24,7 @@ Input acquire(const std::string& topic, const std::string& client) {
 Input release(const std::string& topic, const std::string& client) {
   return {protocol::request_frame(Request::RELEASE, topic, client)};
 }
+Input wait(Input in) { return {in.msg, protocol::kWaitTopic}; }
 Input with(void (*edit)(Request&)) {
   Request request;
   request.set_action(Request::ACQUIRE);
@@ -74,6 +75,23 @@ const std::vector<Case> kTable = {
       "requested from client: app1",
       kAcq + "ECU is busy or acquired by another client for rt/ECU1",
       kAcq + "Token acquired for 'ECU1' on rt/ECU1 by app2"}},
+    {"QueuesOnTheWaitTopicAndPushesTheGrantToTheFirstInLine",
+     {wait(acquire("rt/ECU1", "app1")), wait(acquire("rt/ECU1", "app2")),
+      wait(acquire("rt/ECU1", "app2")), wait(acquire("rt/ECU1", "app3")),
+      wait(release("rt/ECU1", "app3")), acquire("rt/ECU1", "app4"),
+      wait(acquire("bus/ECU1", "app4")), release("rt/ECU1", "app1")},
+     {"app/app1/pgn/response 3 rt/ECU1", "app/app2/pgn/response 4 rt/ECU1",
+      "app/app2/pgn/response 4 rt/ECU1", "app/app3/pgn/response 4 rt/ECU1",
+      "app/app4/pgn/response 4 rt/ECU1", "app/app4/pgn/response 2 bus/ECU1",
+      "app/app2/pgn/response 3 rt/ECU1"},
+     {kAcq + "ECU is busy or acquired by another client for rt/ECU1"}},
+    {"RefusesBadWaitRequestsAsBadRequests",
+     {wait(bytes([](auto& p) { p.clear(); })),
+      wait(with([](Request& r) { r.set_client_name(""); })),
+      wait(with([](Request& r) { r.clear_action(); }))},
+     {},
+     {kErr + "Deserialize error occurred: 1", kNoClient,
+      "INFO tokard.reqhandler: Request action: UNSPECIFIED not supported."}},
     {"DropsOtherTopics",
      {{acquire("rt/ECU1", "a").msg, "system/tokard/request/x"},
       {acquire("rt/ECU1", "a").msg, "system/tokard/reques"}},
@@ -135,15 +153,19 @@ TEST_P(ARequestHandler, AnswersAndLogs) {
 INSTANTIATE_TEST_SUITE_P(Table, ARequestHandler, testing::ValuesIn(kTable),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(ARequestHandlerLifetime, SubscribesTheRequestTopicFirstAndWithdrawsEverySubscription) {
+TEST(ARequestHandlerLifetime, SubscribesTheRequestTopicFirstThenTheWaitTopicAndWithdrawsAll) {
   auto transport = std::make_shared<FakeTransportClient>();
   auto handler = std::make_unique<RequestHandler>(transport);
   transport->deliver(protocol::kRequestTopic, acquire("rt/ECU1", "app1").msg);
+  EXPECT_FALSE(handler->wait_lines().watching()) << "nobody waits: no thread";
+  transport->deliver(protocol::kWaitTopic, acquire("rt/ECU1", "app2").msg);
+  EXPECT_TRUE(handler->wait_lines().watching());
   handler.reset();
   EXPECT_EQ(
       transport->call_log(),
-      (Lines{"subscribe system/tokard/request", "subscribe rt/ECU1", "subscribe rttx/ECU1",
-             "unsubscribe system/tokard/request", "unsubscribe rt/ECU1", "unsubscribe rttx/ECU1"}));
+      (Lines{"subscribe system/tokard/request", "subscribe system/tokard/wait", "subscribe rt/ECU1",
+             "subscribe rttx/ECU1", "unsubscribe system/tokard/request",
+             "unsubscribe system/tokard/wait", "unsubscribe rt/ECU1", "unsubscribe rttx/ECU1"}));
   EXPECT_EQ(transport->calls[0].qos, 1);
   EXPECT_TRUE(transport->observers.empty());
 }
