@@ -5,11 +5,13 @@ set -euo pipefail
 
 # mosquitto-clients: the README's example session talks to tokard with
 # mosquitto_sub and mosquitto_pub. libsystemd-dev: readiness and watchdog
-# notification (TOKARD_SYSTEMD).
+# notification (TOKARD_SYSTEMD). python3-paho-mqtt, python3-protobuf: the
+# Python client the build stages in build/python/site.
 packages=(g++ make cmake pkg-config git mosquitto mosquitto-clients libmosquitto-dev protobuf-compiler
-          libprotobuf-dev libsystemd-dev nlohmann-json3-dev)
+          libprotobuf-dev libsystemd-dev nlohmann-json3-dev python3-paho-mqtt python3-protobuf)
 if [ "${1:-run}" = test ]; then
   packages+=(libgtest-dev libgmock-dev googletest clang-format-14 clang-14 libclang-rt-14-dev llvm-14)
+  packages+=(python3-pytest)  # the Python client's tests
 fi
 if [ "${1:-run}" = bench ]; then
   packages+=(libbenchmark-dev valgrind gnuplot-nox)

@@ -5,7 +5,8 @@
 # application accounts, and checks the service under its hardened systemd unit
 # (scripts/lib/vm-check.sh): ready, watchdog fed, its user and file modes,
 # tokctl logins and answers, tokens kept across a restart, a clean stop.
-# Needs root (debootstrap, chroot) and the network to deb.debian.org. About
+# Needs root (debootstrap, chroot) and the network to the Debian archive of
+# this machine's apt sources (or TOKARD_VM_MIRROR, when set). About
 # 10 minutes the first time (the Debian tree is then kept in build-vm/base),
 # about 5 after. Not part of scripts/test.sh.
 # Usage: scripts/service-vm.sh     exit status 0 when every check passed
@@ -26,10 +27,12 @@ deb=$(ls "$vm"/packages/tokard_*_amd64.deb)
 
 echo "== Debian 12 tree"
 if [ ! -x "$vm/base/usr/sbin/mosquitto" ]; then
+  . scripts/lib/apt-mirror.sh
+  mirror=${TOKARD_VM_MIRROR:-$(apt_mirror)}
   rm -rf "$vm/base"
   debootstrap --variant=minbase \
     --include=systemd,systemd-sysv,dbus,linux-image-amd64,initramfs-tools,mosquitto,adduser,procps \
-    bookworm "$vm/base" http://deb.debian.org/debian
+    bookworm "$vm/base" "$mirror"
 fi
 rm -rf "$vm/root"
 cp -a "$vm/base" "$vm/root"

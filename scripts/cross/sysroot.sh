@@ -12,7 +12,9 @@ set -euo pipefail
 
 dir=${1:?usage: sysroot.sh DIR}
 suite=${TOKARD_ARMHF_SUITE:-bookworm}
-mirror=${TOKARD_ARMHF_MIRROR:-http://deb.debian.org/debian}
+# The machine's own Debian archive unless TOKARD_ARMHF_MIRROR names one.
+. "$(dirname "$0")/../lib/apt-mirror.sh"
+mirror=${TOKARD_ARMHF_MIRROR:-$(apt_mirror)} || exit 2
 packages=libc6-dev,libstdc++-12-dev,libprotobuf-dev,libmosquitto-dev,libsystemd-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev
 stamp="$suite $mirror $packages"
 

@@ -10,8 +10,8 @@ namespace {
 
 const ecu::lapi::logging::LogModulePtr g_log = ecu::lapi::logging::module("tokard.daemon");
 
-// Zero-initialised before any code runs, so the signal handler can test it.
-TokarDaemon** g_instance_cell = nullptr;
+// Zero-initialised before any code runs: the handler only loads and stores.
+TokarDaemon* g_instance = nullptr;
 
 // Clearing the flag from a signal handler is only safe when it takes no lock.
 static_assert(std::atomic<bool>::is_always_lock_free);
@@ -31,12 +31,7 @@ bool token_status_wanted(const std::unique_ptr<ecu::lapi::config::Configuration>
 
 }  // namespace
 
-TokarDaemon** instance_cell() {
-  if (g_instance_cell == nullptr) {
-    g_instance_cell = new TokarDaemon*(nullptr);
-  }
-  return g_instance_cell;
-}
+TokarDaemon** instance_cell() { return &g_instance; }
 
 void on_signal(int sig) {
   if (sig != SIGINT && sig != SIGTERM) {
@@ -65,6 +60,7 @@ TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& conf
     m_handler.ecu_container().set_listener(m_status);
     m_readback =
         std::make_unique<StatusReadback>(client, m_handler, m_status, StatusReadback::Clock::now());
+    m_republisher = std::make_unique<StatusRepublisher>(client, m_status);
   }
   // Runs once the broker has acknowledged every subscription, the request
   // topic's included: from then on requests reach tokard.
@@ -72,6 +68,7 @@ TokarDaemon::TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& conf
     m_availability.online();
     if (m_readback) {
       m_readback->connected();
+      m_republisher->connected();
     }
     if (!m_ready.exchange(true)) {
       m_notifier.ready();
@@ -100,6 +97,7 @@ void TokarDaemon::run() {
     }
     if (m_readback) {
       m_readback->remind();
+      m_republisher->remind();
     }
   }
   m_notifier.stopping();

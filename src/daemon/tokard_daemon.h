@@ -13,6 +13,7 @@
 #include "status/availability.h"
 #include "status/status_publisher.h"
 #include "status/status_readback.h"
+#include "status/status_republisher.h"
 
 namespace tokard {
 
@@ -24,16 +25,18 @@ class TokarDaemon;
 // once. Any other signal number is ignored.
 void on_signal(int sig);
 
-// The process-wide cell through which on_signal finds the daemon. Created on
-// the heap by whichever caller comes first (main or the handler), never freed.
+// The process-wide cell through which on_signal finds the daemon: a static
+// object, there before any handler is installed, so the handler allocates
+// nothing.
 TokarDaemon** instance_cell();
 
 class TokarDaemon {
  public:
   // Builds the request handler, which subscribes the request topic on
   // `client`, and sets tokard's will. Unless the configuration says
-  // "token_status = off", also keeps a retained status per ECU and reads the
-  // statuses of an earlier tokard back before deciding any request.
+  // "token_status = off", also keeps a retained status per ECU, reads the
+  // statuses of an earlier tokard back before deciding any request, and
+  // publishes them again after every reconnect.
   TokarDaemon(std::unique_ptr<ecu::lapi::config::Configuration>& config,
               std::shared_ptr<ecu::lapi::com::ITransportClient>& client);
   // Only takes its connect callback back: stopping the delivery is run()'s job.
@@ -61,6 +64,7 @@ class TokarDaemon {
   std::atomic<bool> m_ready{false};
   std::shared_ptr<StatusPublisher> m_status;
   std::unique_ptr<StatusReadback> m_readback;
+  std::unique_ptr<StatusRepublisher> m_republisher;
 };
 
 }  // namespace tokard

@@ -38,16 +38,17 @@ bool request_topics(const pb::TokenStatus& status, std::vector<std::string>& out
 
 StatusReadback::StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient> client,
                                RequestHandler& handler, std::shared_ptr<StatusPublisher> publisher,
-                               Clock::time_point started)
+                               Clock::time_point started, Now now)
     : m_client(std::move(client)),
       m_handler(handler),
       m_publisher(std::move(publisher)),
       m_started(started),
+      m_now(std::move(now)),
       m_marker_topic(protocol::kReadbackTopic),
       m_marker(m_client->client_id() + " " + std::to_string(started.time_since_epoch().count())),
       m_subscriber(std::make_shared<utils::SubWrapper>(this)) {
   m_handler.hold_requests([this] {
-    if (!m_complete && Clock::now() > m_deadline) {
+    if (!m_complete && m_now() > m_deadline) {
       LAPI_LOG(WARNING, g_log) << "Read-back of token statuses not complete after "
                                << kLongest.count() << " s; deciding requests on what was read";
       finish();
@@ -67,7 +68,7 @@ void StatusReadback::connected() {
   if (m_complete) {
     return;
   }
-  m_deadline = Clock::now() + kLongest;
+  m_deadline = m_now() + kLongest;
   send_marker();
   m_marker_sent = true;
 }
@@ -117,6 +118,13 @@ void StatusReadback::restore(const std::string& topic, const ecu::lapi::com::Mes
     LAPI_LOG(WARNING, g_log) << "Ignoring retained status on " << topic << ": " << problem;
     return;
   }
+  if (!worth_keeping(status.generation(), status.blocked())) {
+    LAPI_LOG(DEBUG, g_log) << "Removing retained status of ECU '" << name
+                           << "': never held, not blocked";
+    m_publisher->remove(name);
+    ++m_removed;
+    return;
+  }
 
   const bool same_boot =
       !m_publisher->boot_id().empty() && status.boot_id() == m_publisher->boot_id();
@@ -134,6 +142,10 @@ void StatusReadback::finish() {
   m_complete = true;
   withdraw();
   LAPI_LOG(INFO, g_log) << "Read back " << m_restored.size() << " token statuses";
+  if (m_removed > 0) {
+    LAPI_LOG(INFO, g_log) << "Removed " << m_removed
+                          << " retained statuses of ECUs never held and not blocked";
+  }
   for (const auto& ecu : m_restored) {
     m_publisher->publish(*ecu);
   }

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,15 +25,19 @@ namespace tokard {
 // so the marker's return ends the read-back. Each valid status recreates its
 // record with its topics, generation and blocked flag, and, when it was
 // written in this boot of the controller, its holder with a fresh lease from
-// tokard's start. Then the held requests are decided.
+// tokard's start. A status not worth keeping (an older tokard kept every
+// name) is removed from the broker and restores nothing. Then the held
+// requests are decided.
 class StatusReadback : public ecu::lapi::com::ISubscriptionObserver {
  public:
   using Clock = Ecu::Clock;
+  using Now = std::function<Clock::time_point()>;
   // Requests held longer than this are decided on what was read by then.
   static constexpr std::chrono::seconds kLongest{10};
 
   StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient> client, RequestHandler& handler,
-                 std::shared_ptr<StatusPublisher> publisher, Clock::time_point started);
+                 std::shared_ptr<StatusPublisher> publisher, Clock::time_point started,
+                 Now now = &Clock::now);
   ~StatusReadback() override;
   StatusReadback(const StatusReadback&) = delete;
   StatusReadback& operator=(const StatusReadback&) = delete;
@@ -54,6 +60,7 @@ class StatusReadback : public ecu::lapi::com::ISubscriptionObserver {
   RequestHandler& m_handler;
   std::shared_ptr<StatusPublisher> m_publisher;
   const Clock::time_point m_started;
+  const Now m_now;
   const std::string m_marker_topic;
   const std::string m_marker;
   std::shared_ptr<utils::SubWrapper> m_subscriber;
@@ -61,6 +68,7 @@ class StatusReadback : public ecu::lapi::com::ISubscriptionObserver {
   std::atomic<bool> m_complete{false};
   std::atomic<bool> m_marker_sent{false};
   std::vector<std::shared_ptr<Ecu>> m_restored;
+  std::size_t m_removed = 0;
 };
 
 }  // namespace tokard
