@@ -5,7 +5,8 @@
 # puts in place: the programs, the systemd unit, and the example configuration
 # and signal definitions under /etc/kesto as conffiles, so that an edited file
 # survives upgrades. Files installed with COMPONENT dev (the client library,
-# its header and pkg-config file) go to a second package, `tokard-dev`.
+# its header and pkg-config file) go to a second package, `tokard-dev`, and
+# the Python package (COMPONENT python) to `python3-tokard`.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tokard)
@@ -103,11 +104,12 @@ endforeach()
 add_custom_target(tokard_docs ALL DEPENDS ${compressed_docs})
 install(FILES ${deb_docs}/tokard.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${deb_docs}/tokctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-foreach(package tokard tokard-dev)
-  if(package STREQUAL tokard)
-    set(component Unspecified)
-  else()
-    set(component dev)
+foreach(component Unspecified dev python)
+  set(package tokard)
+  if(component STREQUAL dev)
+    set(package tokard-dev)
+  elseif(component STREQUAL python)
+    set(package python3-tokard)
   endif()
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/deb/copyright
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
@@ -149,5 +151,20 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "client library of tokard, the ECU token arbiter\n\
 Static library, header and pkg-config file (tokard-client) for applications\n\
 that hold ECU tokens through tokard.")
+
+# The Python client is pure Python on Debian's python3 packages; postinst and
+# prerm byte-compile and clean up as dh_python3 would.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tokard)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any (>= 3.11~), python3-paho-mqtt, python3-protobuf")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS tokard)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/python/debian/postinst ${PROJECT_SOURCE_DIR}/python/debian/prerm)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "Python client of tokard, the ECU token arbiter\n\
+The Python 3 module tokard acquires, holds and releases ECU tokens from\n\
+tokard for diagnostic and test scripts, with a context manager, the wait\n\
+line, and tokard's state as it keeps it on the broker.")
 
 include(CPack)

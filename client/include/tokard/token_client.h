@@ -5,7 +5,7 @@
 //   if (auto error = client.connect()) { /* error.message() */ }
 //   if (client.acquire("rt/ECU1") == tokard::client::AcquireResult::Acquired) {
 //     /* send PGN requests to ECU1; the token is renewed in the background */
-//     client.release("rt/ECU1");
+//     if (auto error = client.release("rt/ECU1")) { /* error.message() */ }
 //   }
 //
 // Threading: connect() once, before anything else; after that every member
@@ -16,6 +16,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -105,24 +106,35 @@ class TokenClient {
   // released by this client, so tokard lets it go 10 s after the grant.
   [[nodiscard]] AcquireResult acquire_once(const std::string& topic);
 
-  // acquire(), repeated while the answer is Busy or NoAnswer, with a pause
-  // of 100 ms doubling up to 2 s in between, until `deadline`. Returns the
-  // last answer; at least one request is made.
+  // Waits in the ECU's line until `deadline`: tokard grants the token at
+  // once if it is free and nobody is ahead, else pushes the grant when this
+  // client's turn comes. The wait request is repeated every refresh period to
+  // keep the place. At the deadline or on interrupt() the client leaves the
+  // line and returns the last answer (Busy while in line); a grant that
+  // arrives after that is released at once. A tokard that does not answer
+  // wait requests is asked as acquire() does instead, with a pause of 100 ms
+  // doubling up to 2 s in between. Acquired: held and renewed as by acquire().
   [[nodiscard]] AcquireResult wait_for_token(const std::string& topic,
                                              std::chrono::steady_clock::time_point deadline);
 
   // Stops renewing the token and tells tokard to free it. tokard does not
   // answer releases, and ignores one for a token this client does not hold.
   // Errors: NotConnected, SendFailed.
-  std::error_code release(const std::string& topic);
+  [[nodiscard]] std::error_code release(const std::string& topic);
 
   // Whether the token is held: acquired and neither released nor lost since.
   [[nodiscard]] bool holds(const std::string& topic) const;
 
+  // For a held token, when the request was sent whose grant or renewal tokard
+  // last answered: its lease runs from no earlier than that, so it is safe
+  // until this time plus kTokenTimeout. Empty when the token is not held.
+  [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> granted_at(
+      const std::string& topic) const;
+
   // Called when a held token is lost: a renewal was answered Busy or NoEcu
-  // (someone took it over, or the ECU's signal group became valid), or no
-  // renewal was answered for 10 s (NoAnswer). Runs on the refresh thread;
-  // it may call every member but the destructor.
+  // (someone took it over, or the ECU's signal group became valid), or none
+  // was granted for kTokenTimeout after granted_at() (NoAnswer). Runs on the
+  // refresh thread; it may call every member but the destructor.
   void on_token_lost(LostHandler handler);
 
   // Makes every acquire and wait_for_token in progress, and every later one,
