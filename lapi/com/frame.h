@@ -15,8 +15,8 @@ namespace ecu::lapi::com {
 constexpr int kFrameHeaderSize = 18;
 
 // length_word of an 18-byte header. The layout that encoders write (field 1
-// then field 2, both fixed64) is read directly, which costs a tenth of the
-// parser; any other layout goes to the parser, which reads that one the same.
+// then field 2, both fixed64) is read directly, without the parser's cost;
+// any other layout goes to the parser, which reads that one the same.
 inline bool read_length_word(const std::uint8_t* bytes, std::uint64_t& word) {
   if (bytes[0] == 0x09 && bytes[9] == 0x11) {
     word = 0;
