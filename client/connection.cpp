@@ -58,8 +58,8 @@ Connection::~Connection() {
   }
   m_session.release_all();
   m_session.attach(nullptr);
-  m_transport->unsubscribe(m_response_topic, m_observer);
-  m_transport->unsubscribe(protocol::kStateTopic, m_observer);
+  (void)m_transport->unsubscribe(m_response_topic, m_observer);
+  (void)m_transport->unsubscribe(protocol::kStateTopic, m_observer);
   m_transport->stop();
   // The last reference: the transport writes what is queued, the releases
   // included, before it closes the connection.

@@ -133,16 +133,6 @@ std::vector<std::string> Ledger::held() const {
   return topics;
 }
 
-std::vector<std::string> Ledger::lines() const {
-  std::vector<std::string> topics;
-  for (const auto& entry : m_records) {
-    if (entry.second.in_line) {
-      topics.push_back(entry.first);
-    }
-  }
-  return topics;
-}
-
 std::vector<std::string> Ledger::expired() {
   const Time now = m_now();
   std::vector<std::string> topics;

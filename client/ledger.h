@@ -65,7 +65,6 @@ class Ledger {
   [[nodiscard]] bool holds(const std::string& topic) const;
   [[nodiscard]] std::optional<Time> granted_at(const std::string& topic) const;
   [[nodiscard]] std::vector<std::string> held() const;
-  [[nodiscard]] std::vector<std::string> lines() const;
 
   // Held tokens whose lease may have run out (no grant since kTokenTimeout
   // after granted_at): no longer held, returned to be reported as lost.

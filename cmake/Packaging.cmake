@@ -157,7 +157,9 @@ that hold ECU tokens through tokard.")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tokard)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
-set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any (>= 3.11~), python3-paho-mqtt, python3-protobuf")
+# Modules made by protoc 3.21 need the protobuf runtime 3.20 or later.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3:any (>= 3.11~), python3-paho-mqtt (>= 1.6), python3-protobuf (>= 3.20)")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS tokard)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA

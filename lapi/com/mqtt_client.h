@@ -75,19 +75,19 @@ class MqttClient : public ITransportClient, private IMosquittoEvents {
 
   // False, with an ERROR log, when the host is empty, the port is outside
   // 1..65535 or libmosquitto could not create the client.
-  bool connect() override;
+  [[nodiscard]] bool connect() override;
   void disconnect() override;
   bool is_connected() const override;
 
-  bool publish(const std::string& topic, const Message& msg) override;
+  [[nodiscard]] bool publish(const std::string& topic, const Message& msg) override;
   std::size_t subscription_count() const override;
 
   // False for an empty observer, a QoS outside 0..2 or an invalid topic filter.
-  bool subscribe(const std::string& topic, int qos,
-                 std::shared_ptr<ISubscriptionObserver> observer) override;
+  [[nodiscard]] bool subscribe(const std::string& topic, int qos,
+                               std::shared_ptr<ISubscriptionObserver> observer) override;
   // False when the pair was not subscribed.
-  bool unsubscribe(const std::string& topic,
-                   std::shared_ptr<ISubscriptionObserver> observer) override;
+  [[nodiscard]] bool unsubscribe(const std::string& topic,
+                                 std::shared_ptr<ISubscriptionObserver> observer) override;
 
   const std::string& client_id() const override;
   bool is_running() const override;
@@ -95,7 +95,7 @@ class MqttClient : public ITransportClient, private IMosquittoEvents {
   void start() override;
   void stop() override;
 
-  bool set_will(const std::string& topic, const Message& msg) override;
+  [[nodiscard]] bool set_will(const std::string& topic, const Message& msg) override;
   void on_connected(std::function<void()> callback) override;
 
  private:

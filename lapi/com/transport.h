@@ -38,25 +38,25 @@ class ITransportClient {
   // Starts connecting to the broker without waiting for it. A broker that is
   // not there yet is retried with back-off once the delivery runs. False only
   // when the connection parameters are unusable.
-  virtual bool connect() = 0;
+  [[nodiscard]] virtual bool connect() = 0;
   // Closes the connection; no reconnect follows.
   virtual void disconnect() = 0;
   virtual bool is_connected() const = 0;
 
   // Sends msg.payload with msg.qos. False when the library or the broker
   // refuses it (bad topic, no memory); the message is then dropped.
-  virtual bool publish(const std::string& topic, const Message& msg) = 0;
+  [[nodiscard]] virtual bool publish(const std::string& topic, const Message& msg) = 0;
   // Topics with at least one observer.
   virtual std::size_t subscription_count() const = 0;
 
   // Adds `observer` for `topic` (MQTT wildcards allowed). False when the
   // topic is not a valid subscription.
-  virtual bool subscribe(const std::string& topic, int qos,
-                         std::shared_ptr<ISubscriptionObserver> observer) = 0;
+  [[nodiscard]] virtual bool subscribe(const std::string& topic, int qos,
+                                       std::shared_ptr<ISubscriptionObserver> observer) = 0;
   // Removes that pair; the broker subscription goes with the topic's last
   // observer.
-  virtual bool unsubscribe(const std::string& topic,
-                           std::shared_ptr<ISubscriptionObserver> observer) = 0;
+  [[nodiscard]] virtual bool unsubscribe(const std::string& topic,
+                                         std::shared_ptr<ISubscriptionObserver> observer) = 0;
 
   virtual const std::string& client_id() const = 0;
   virtual bool is_running() const = 0;
@@ -67,7 +67,7 @@ class ITransportClient {
   // The message the broker publishes on `topic` when the connection ends
   // without a DISCONNECT (MQTT 3.1.1, 3.1.2.5); msg.extra_flag retains it.
   // Call before `connect`. False when the topic or payload is not usable.
-  virtual bool set_will(const std::string& topic, const Message& msg) = 0;
+  [[nodiscard]] virtual bool set_will(const std::string& topic, const Message& msg) = 0;
   // `callback` runs on the delivery thread after every accepted connect,
   // once the broker has acknowledged every SUBSCRIBE sent at that connect
   // (right after the CONNACK when nothing is subscribed): from then on, what

@@ -80,7 +80,7 @@ TokarDaemon::~TokarDaemon() { m_client->on_connected(nullptr); }
 
 bool TokarDaemon::init() {
   LAPI_LOG(DEBUG, g_log) << "Initializing...";
-  m_client->connect();
+  (void)m_client->connect();
   return true;
 }
 

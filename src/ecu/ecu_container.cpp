@@ -19,8 +19,8 @@ EcuContainer::EcuContainer(std::shared_ptr<ecu::lapi::com::ITransportClient> cli
 EcuContainer::~EcuContainer() {
   for (const auto& [name, ecu] : m_ecus) {
     for (const auto& topic : ecu->topics()) {
-      m_client->unsubscribe(topic, ecu);
-      m_client->unsubscribe(protocol::tx_topic(topic), ecu);
+      (void)m_client->unsubscribe(topic, ecu);
+      (void)m_client->unsubscribe(protocol::tx_topic(topic), ecu);
     }
   }
 }
@@ -82,8 +82,8 @@ bool EcuContainer::follow(const std::shared_ptr<Ecu>& ecu, const std::string& to
   if (!ecu->add_topic(topic)) {
     return false;
   }
-  m_client->subscribe(topic, protocol::kQos, ecu);
-  m_client->subscribe(protocol::tx_topic(topic), protocol::kQos, ecu);
+  (void)m_client->subscribe(topic, protocol::kQos, ecu);
+  (void)m_client->subscribe(protocol::tx_topic(topic), protocol::kQos, ecu);
   return true;
 }
 

@@ -56,7 +56,9 @@ void Deadlines::watch() {
     if (m_order.empty()) {
       m_wake.wait(lock);
     } else {
-      m_wake.wait_until(lock, m_order.begin()->first);
+      // A copy: the entry may be erased while the wait has the lock released.
+      const Clock::time_point next = m_order.begin()->first;
+      m_wake.wait_until(lock, next);
     }
     if (!m_stopping) {
       run_due(Clock::now());

@@ -141,7 +141,7 @@ void WaitLines::push_grant(const WaitLine::Waiter& waiter) {
     return;
   }
   msg.qos = protocol::kQos;
-  m_client->publish(protocol::response_topic(waiter.client), msg);
+  (void)m_client->publish(protocol::response_topic(waiter.client), msg);
 }
 
 }  // namespace tokard

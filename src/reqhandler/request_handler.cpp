@@ -29,16 +29,16 @@ RequestHandler::RequestHandler(std::shared_ptr<ecu::lapi::com::ITransportClient>
   m_ecu_container.set_line(&m_lines);
   const auto observer =
       std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber);
-  m_transport->subscribe(kRequestTopic, protocol::kQos, observer);
-  m_transport->subscribe(protocol::kWaitTopic, protocol::kQos, observer);
+  (void)m_transport->subscribe(kRequestTopic, protocol::kQos, observer);
+  (void)m_transport->subscribe(protocol::kWaitTopic, protocol::kQos, observer);
 }
 
 RequestHandler::~RequestHandler() {
   m_lines.stop();
   const auto observer =
       std::static_pointer_cast<ecu::lapi::com::ISubscriptionObserver>(m_subscriber);
-  m_transport->unsubscribe(kRequestTopic, observer);
-  m_transport->unsubscribe(protocol::kWaitTopic, observer);
+  (void)m_transport->unsubscribe(kRequestTopic, observer);
+  (void)m_transport->unsubscribe(protocol::kWaitTopic, observer);
 }
 
 void RequestHandler::hold_requests(std::function<void()> on_held) {
@@ -177,7 +177,7 @@ void RequestHandler::send_response(const std::string& topic,
     return;
   }
   msg.qos = protocol::kQos;
-  m_transport->publish(topic, msg);
+  (void)m_transport->publish(topic, msg);
 }
 
 }  // namespace tokard

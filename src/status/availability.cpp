@@ -20,13 +20,15 @@ ecu::lapi::com::Message state(const char* text) {
 
 Availability::Availability(std::shared_ptr<ecu::lapi::com::ITransportClient> client)
     : m_client(std::move(client)) {
-  m_client->set_will(protocol::kStateTopic, state(protocol::kOffline));
+  (void)m_client->set_will(protocol::kStateTopic, state(protocol::kOffline));
 }
 
-void Availability::online() { m_client->publish(protocol::kStateTopic, state(protocol::kOnline)); }
+void Availability::online() {
+  (void)m_client->publish(protocol::kStateTopic, state(protocol::kOnline));
+}
 
 void Availability::offline() {
-  m_client->publish(protocol::kStateTopic, state(protocol::kOffline));
+  (void)m_client->publish(protocol::kStateTopic, state(protocol::kOffline));
 }
 
 }  // namespace tokard

@@ -54,8 +54,8 @@ StatusReadback::StatusReadback(std::shared_ptr<ecu::lapi::com::ITransportClient>
       finish();
     }
   });
-  m_client->subscribe(protocol::kStatusFilter, kStatusQos, m_subscriber);
-  m_client->subscribe(m_marker_topic, protocol::kQos, m_subscriber);
+  (void)m_client->subscribe(protocol::kStatusFilter, kStatusQos, m_subscriber);
+  (void)m_client->subscribe(m_marker_topic, protocol::kQos, m_subscriber);
 }
 
 StatusReadback::~StatusReadback() {
@@ -83,7 +83,7 @@ void StatusReadback::send_marker() {
   ecu::lapi::com::Message marker;
   marker.qos = protocol::kQos;
   marker.payload.assign(m_marker.begin(), m_marker.end());
-  m_client->publish(m_marker_topic, marker);
+  (void)m_client->publish(m_marker_topic, marker);
 }
 
 void StatusReadback::message(const std::string& topic, const ecu::lapi::com::Message& msg) {
@@ -154,8 +154,8 @@ void StatusReadback::finish() {
 }
 
 void StatusReadback::withdraw() {
-  m_client->unsubscribe(protocol::kStatusFilter, m_subscriber);
-  m_client->unsubscribe(m_marker_topic, m_subscriber);
+  (void)m_client->unsubscribe(protocol::kStatusFilter, m_subscriber);
+  (void)m_client->unsubscribe(m_marker_topic, m_subscriber);
 }
 
 }  // namespace tokard

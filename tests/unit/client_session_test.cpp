@@ -30,9 +30,9 @@ class RequestQueue : public FakeTransportClient {
     m_changed.notify_all();
     return true;
   }
-  std::string next() {
+  std::string next(std::chrono::milliseconds limit = 5s) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_changed.wait_for(lock, 5s, [this] { return !m_sent.empty(); })) {
+    if (!m_changed.wait_for(lock, limit, [this] { return !m_sent.empty(); })) {
       return "nothing";
     }
     const std::string first = m_sent.front();
@@ -126,6 +126,24 @@ TEST_F(ASession, AsksOnTheRequestTopicWhereTokardDoesNotAnswerWaitRequests) {
                      protocol::response_frame(Response::ACQUIRED, "rt/E"));
   EXPECT_EQ(waiting.get(), AcquireResult::Acquired);
   EXPECT_TRUE(old_tokard.holds("rt/E"));
+}
+
+TEST_F(ASession, StopsAskingAnOldTokardAtItsDeadline) {
+  Session old_tokard{"me", {100ms, 20ms}};
+  old_tokard.attach(requests);
+  auto waiting = std::async(std::launch::async, [&] {
+    return old_tokard.wait_for_token("rt/E", Session::Clock::now() + 500ms);
+  });
+  for (int n = 0; n < 50 && waiting.wait_for(0s) != std::future_status::ready; ++n) {
+    if (requests->next(50ms) == "request ACQUIRE rt/E") {
+      old_tokard.message(protocol::response_topic("me"),
+                         protocol::response_frame(Response::BUSY, "rt/E"));
+    }
+  }
+  const bool ended = waiting.wait_for(5s) == std::future_status::ready;
+  old_tokard.interrupt();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(waiting.get(), AcquireResult::Busy);
 }
 
 TEST(AnUnattachedSession, NeitherAsksNorReleases) {
