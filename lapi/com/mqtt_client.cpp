@@ -254,7 +254,9 @@ void MqttClient::run() {
         m_disconnect_sent = true;
       }
       // Writes the DISCONNECT; libmosquitto then closes the socket.
-      if (m_lib->loop(timeout_ms) != MOSQ_ERR_SUCCESS && m_lib->socket() >= 0) {
+      const int rc = m_lib->loop(timeout_ms);
+      deliver_received();
+      if (rc != MOSQ_ERR_SUCCESS && m_lib->socket() >= 0) {
         pause(kLoopTimeout);
       }
       continue;
@@ -263,6 +265,7 @@ void MqttClient::run() {
       continue;
     }
     const int rc = m_lib->loop(timeout_ms);
+    deliver_received();
     if (rc != MOSQ_ERR_SUCCESS) {
       after_loop_error(rc);
     }
@@ -370,21 +373,17 @@ void MqttClient::on_message(const mosquitto_message& raw) {
   if (m_closing) {
     return;  // observers are done once `stop` has returned
   }
-  // Only the loop thread delivers, one message at a time: the message, its
-  // topic and the observer list keep their storage from one to the next.
-  Message& msg = m_delivery.msg;
-  msg.timestamp_ns = DateTime::time_since_boot_ns();
-  msg.timestamp_set = true;
-  msg.qos = static_cast<std::uint8_t>(raw.qos);
-  msg.payload.clear();
-  if (raw.payload != nullptr && raw.payloadlen > 0) {
-    const auto* bytes = static_cast<const std::uint8_t*>(raw.payload);
-    msg.payload.assign(bytes, bytes + raw.payloadlen);
-  }
-  std::string& topic = m_delivery.topic;
-  topic.assign(raw.topic != nullptr ? raw.topic : "");
-  // A copy, so that observers may subscribe and unsubscribe while being called.
-  std::vector<ObserverPtr>& observers = m_delivery.observers;
+  m_inbox.received(raw);
+}
+
+void MqttClient::deliver_received() {
+  m_inbox.drain([this](const std::string& topic, const Message& msg) { deliver(topic, msg); });
+}
+
+void MqttClient::deliver(const std::string& topic, const Message& msg) {
+  // Only the loop thread delivers, one message at a time. A copy of the
+  // observers, so that they may subscribe and unsubscribe while being called.
+  std::vector<ObserverPtr>& observers = m_observers;
   {
     std::lock_guard<std::mutex> lock(m_registry_mutex);
     m_registry.observers_of(topic, observers);

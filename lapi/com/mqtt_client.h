@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "lapi/com/connect_policy.h"
+#include "lapi/com/inbox.h"
 #include "lapi/com/mosquitto_api.h"
 #include "lapi/com/observer_registry.h"
 #include "lapi/com/transport.h"
@@ -105,6 +106,9 @@ class MqttClient : public ITransportClient, private IMosquittoEvents {
   void on_connect(int rc) override;
   void on_disconnect(int rc) override;
   void on_message(const mosquitto_message& raw) override;
+  // Hands what the last pass of the network loop received to the observers.
+  void deliver_received();
+  void deliver(const std::string& topic, const Message& msg);
   void on_publish(int mid) override { m_unacked_publishes.acknowledged(mid); }
   void on_subscribe(int mid) override;
   void on_unsubscribe(int mid) override { m_unacked_unsubscribes.acknowledged(mid); }
@@ -159,12 +163,8 @@ class MqttClient : public ITransportClient, private IMosquittoEvents {
   std::atomic<std::thread::id> m_loop_thread{};
 
   // Touched by the loop thread only (and by the destructor after the join).
-  struct Delivery {
-    Message msg;
-    std::string topic;
-    std::vector<ObserverPtr> observers;
-  };
-  Delivery m_delivery;
+  Inbox m_inbox;
+  std::vector<ObserverPtr> m_observers;  // of the message being delivered
   bool m_disconnect_sent = false;
   std::vector<int> m_awaited_subacks;  // SUBSCRIBEs of the current connect
   bool m_ready_pending = false;        // connect callback not run yet

@@ -5,6 +5,9 @@
 //   happens on it, one at a time, never overlapping.
 // - From inside `message` an observer may call `subscribe`, `unsubscribe` and
 //   `publish` of the same client; they do not block on the delivery.
+// - `message` is called with no lock of the client or its MQTT library held,
+//   so an observer may take a lock that another thread holds while it calls
+//   `publish`.
 // - `stop` ends the delivery and joins its thread, promptly whatever state the
 //   connection is in; no observer is called after `stop` returns. `stop` must
 //   not be called from inside `message`.

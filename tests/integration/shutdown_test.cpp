@@ -58,9 +58,9 @@ TEST(Tokard, WithdrawsEverySubscriptionAndSaysGoodbyeBeforeItExits) {
     }
     ASSERT_TRUE(tokard->signal(SIGTERM));
     ASSERT_EQ(tokard->wait(), 0);
-    wait_until(
+    EXPECT_TRUE(wait_until(
         [&] { return broker.log().find("Received DISCONNECT from tokard") != std::string::npos; },
-        2s);
+        2s));
     const std::string log = broker.log();
     std::multiset<std::string> subscribed, unsubscribed;
     const std::regex subscribe(": tokard [0-2] (\\S+)$"), unsubscribe(": tokard (\\S+)$");
@@ -73,7 +73,6 @@ TEST(Tokard, WithdrawsEverySubscriptionAndSaysGoodbyeBeforeItExits) {
       }
     }
     EXPECT_EQ(unsubscribed, subscribed) << log;
-    EXPECT_NE(log.find("Received DISCONNECT from tokard"), std::string::npos) << log;
     EXPECT_EQ(log.find("Client tokard disconnected:"), std::string::npos) << "no broken pipe:\n"
                                                                           << log;
   }

@@ -11,11 +11,11 @@ namespace tokard::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Result = std::pair<int, std::string>;  // exit status, standard output
 
-// Ignores SIGTERM (saying "term"), prints its pid first.
-const std::vector<std::string> kStubborn{
-    "--", "sh", "-c", "trap 'echo term' TERM; echo $$; while :; do sleep 0.1; done"};
+// Holds rt/ECU1 as "a" for a COMMAND that ignores SIGTERM (saying "term") and prints its pid first.
+const std::vector<std::string> kStubbornHold{
+    "hold", "rt/ECU1", "-c", "a",
+    "--",   "sh",      "-c", "trap 'echo term' TERM; echo $$; while :; do sleep 0.1; done"};
 
 class Tokctl : public testing::Test {
  protected:
@@ -26,11 +26,9 @@ class Tokctl : public testing::Test {
     args.insert(dashes, {"-H", "127.0.0.1", "-p", std::to_string(port ? port : broker.port())});
     return std::make_unique<Process>(TOKCTL_PROGRAM, args);
   }
-  Result run(std::vector<std::string> args) {
-    auto tokctl = start(std::move(args));
-    return {tokctl->wait(20s).value_or(-1), tokctl->out()};
-  }
-  Result signal_group(bool valid) {
+  // The exit status.
+  int run(std::vector<std::string> args) { return start(std::move(args))->wait(20s).value_or(-1); }
+  int signal_group(bool valid) {
     return run({"signal", "rt/ECU1", "--group", "EngineState", "Speed=051a00ff:0",
                 valid ? "Torque=00000000:0" : "Torque=00000000:1"});
   }
@@ -68,8 +66,7 @@ TEST_F(Tokctl, HoldsATokenUntilStoppedAndWaitsInLineForOne) {
   MqttTestClient last(quiet.port(), "last-tokard");
   ASSERT_TRUE(
       last.publish(protocol::kStateTopic, Bytes{'o', 'f', 'f', 'l', 'i', 'n', 'e'}, 1, true));
-  ASSERT_EQ(last.subscribe(protocol::kStateTopic), 1);
-  ASSERT_TRUE(last.next(protocol::kStateTopic)) << "the broker keeps it";
+  ASSERT_EQ(last.subscribe(protocol::kStateTopic), 1);  // answered after the publish: kept
   auto offline = start({"acquire", "rt/ECU1", "--client", "a", "--timeout", "30"}, quiet.port());
   EXPECT_EQ(offline->wait(5s), 4);
   EXPECT_EQ(offline->err(), "tokctl: tokard is offline (it says so on system/tokard/state)\n");
@@ -82,9 +79,6 @@ TEST_F(Tokctl, HoldsATokenUntilStoppedAndWaitsInLineForOne) {
   EXPECT_NE(nope.err().find("is EngineState, not Nope: tokard will reject this one"),
             std::string::npos)
       << nope.err();
-  Process bad(TOKCTL_PROGRAM, {"frob"});
-  EXPECT_EQ(bad.wait(), 1);
-  EXPECT_EQ(bad.err(), "tokctl: unknown command 'frob'\nTry 'tokctl --help'.\n");
   auto refused = start({"acquire", "rt/ECU1", "--client", "a"}, free_port());
   EXPECT_EQ(refused->wait(10s), 1);
   EXPECT_NE(refused->err().find("tokctl: no connection to the broker at 127.0.0.1:"),
@@ -95,9 +89,9 @@ TEST_F(Tokctl, RunsACommandWhileHoldingAndExitsWithItsStatus) {
   const std::vector<std::pair<std::string, int>> commands{{"echo only this; exit 7", 7},
                                                           {"kill -9 $$", 137}};
   for (const auto& [command, status] : commands) {
-    EXPECT_EQ(run({"hold", "rt/ECU1", "-c", "a", "--", "sh", "-c", command}).first, status);
+    EXPECT_EQ(run({"hold", "rt/ECU1", "-c", "a", "--", "sh", "-c", command}), status);
   }
-  EXPECT_EQ(run({"hold", "rt/ECU1", "-c", "a", "--", "no-such-program-here"}).first, 127);
+  EXPECT_EQ(run({"hold", "rt/ECU1", "-c", "a", "--", "no-such-program-here"}), 127);
   // SIGTERM to tokctl goes on to COMMAND; the token is given back.
   auto held = start({"hold", "rt/ECU1", "-c", "a", "--", "sh", "-c", "echo $$; sleep 30"});
   ASSERT_GT(started(*held), 0);
@@ -107,12 +101,10 @@ TEST_F(Tokctl, RunsACommandWhileHoldingAndExitsWithItsStatus) {
 }
 
 TEST_F(Tokctl, StopsItsCommandWhenARenewalIsRefused) {
-  std::vector<std::string> args{"hold", "rt/ECU1", "-c", "a"};
-  args.insert(args.end(), kStubborn.begin(), kStubborn.end());
-  auto holder = start(args);
+  auto holder = start(kStubbornHold);
   const pid_t command = started(*holder);
   ASSERT_GT(command, 0) << holder->err();
-  ASSERT_EQ(signal_group(true).first, 0);
+  ASSERT_EQ(signal_group(true), 0);
   ASSERT_TRUE(holder->wait_for_out("term\n", 5s)) << holder->err();
   const auto terminated = Clock::now();
   EXPECT_EQ(holder->wait(5s), 3);
@@ -120,7 +112,7 @@ TEST_F(Tokctl, StopsItsCommandWhenARenewalIsRefused) {
   EXPECT_TRUE(gone(command));
   EXPECT_EQ(holder->err().rfind("tokctl: rt/ECU1: token lost (busy), stopping sh\n", 0), 0u)
       << holder->err();
-  ASSERT_EQ(signal_group(false).first, 0);
+  ASSERT_EQ(signal_group(false), 0);
   EXPECT_EQ(app.ask("rt/ECU1", "b"), Response::ACQUIRED);
 }
 
@@ -128,17 +120,9 @@ TEST_F(Tokctl, StopsItsCommandWhenARenewalIsRefused) {
 // tokctl reaches tokard, but a client on tokard's broker still does.
 TEST_F(Tokctl, KillsItsCommandBeforeTheLeaseCanLapseWhenTheBrokerIsGone) {
   const int port = free_port();
-  Broker edge(port,
-              write_file(scratch("edge.conf"),
-                         "listener " + std::to_string(port) +
-                             " 127.0.0.1\nallow_anonymous true\nconnection tokard\naddress "
-                             "127.0.0.1:" +
-                             std::to_string(broker.port()) + "\ntopic # both 1\n"),
-              true);
+  Broker edge(port, write_file(scratch("edge.conf"), bridge_config(port, broker.port())), true);
   ASSERT_TRUE(MqttTestClient(port, "edge-probe").wait_for_service(20s)) << edge.log();
-  std::vector<std::string> args{"hold", "rt/ECU1", "-c", "a"};
-  args.insert(args.end(), kStubborn.begin(), kStubborn.end());
-  auto holder = start(args, port);
+  auto holder = start(kStubbornHold, port);
   const pid_t command = started(*holder);
   ASSERT_GT(command, 0) << holder->err();
   edge.kill();

@@ -12,14 +12,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A client that listens to its answers from the start.
+// A client that waits in line.
 struct App : MqttTestClient {
-  App(int port, const std::string& id) : MqttTestClient(port, id) {
-    subscribe(protocol::response_topic(id));
-  }
+  using MqttTestClient::MqttTestClient;
   // A wait request; for an acquire, the result of its answer (0 without).
   int line_up(const std::string& rt, Request::Action action = Request::ACQUIRE) {
-    publish(protocol::kWaitTopic, protocol::request_frame(action, rt, id()).payload);
+    send(action, rt, "", protocol::kWaitTopic);
     return action == Request::ACQUIRE ? answer() : 0;
   }
   int answer(milliseconds limit = 5s) {
@@ -79,13 +77,9 @@ TEST(AWaitLine, SkipsSilentWaitersHandsOverRunOutLeasesAndWaitsForAGroupNotValid
   ASSERT_EQ(holder.ask("rt/PLAIN"), Response::ACQUIRED);
   // ECU1 held and blocked by a valid group, with a client in line.
   ASSERT_EQ(holder.ask("rt/ECU1"), Response::ACQUIRED);
-  const std::string d("\x05\x1a\x00\xff", 4);
-  const auto group = [&](bool valid) {
-    return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}})
-        .payload;
-  };
   ASSERT_TRUE(wait_until(
-      [&] { return gateway.publish("rt/ECU1", group(true)) && holder.ask("rt/ECU1") == 4; }, 5s));
+      [&] { return gateway.publish("rt/ECU1", engine_state(true)) && holder.ask("rt/ECU1") == 4; },
+      5s));
   ASSERT_EQ(blocked.line_up("rt/ECU1"), Response::BUSY);
 
   // The holder's last renewal comes after the silent waiter's last request.
@@ -105,7 +99,7 @@ TEST(AWaitLine, SkipsSilentWaitersHandsOverRunOutLeasesAndWaitsForAGroupNotValid
   EXPECT_EQ(other.ask("rt/PLAIN"), Response::ACQUIRED) << "a take-over as ever";
 
   EXPECT_EQ(other.ask("rt/ECU1"), Response::BUSY) << "blocked past the lease";
-  gateway.publish("rt/ECU1", group(false));
+  gateway.publish("rt/ECU1", engine_state(false));
   EXPECT_EQ(blocked.answer(), Response::ACQUIRED);
   EXPECT_EQ(tokard->out().find("tokard.queue: [PLAIN]"), std::string::npos);
 }

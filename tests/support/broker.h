@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -74,6 +75,17 @@ inline std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+// A second controller's broker on `port`, bridged to the broker on `main_port`
+// as packaging/mosquitto/controller-bridge.conf does it, anonymous, on loopback.
+inline std::string bridge_config(int port, int main_port) {
+  std::string shipped = read_file(TOKARD_SOURCE_DIR "/packaging/mosquitto/controller-bridge.conf");
+  const std::string bridge = shipped.substr(shipped.find("\nconnection "));
+  return "listener " + std::to_string(port) + " 127.0.0.1\nallow_anonymous true\n" +
+         std::regex_replace(bridge,
+                            std::regex("\n(address|remote_username|remote_password) [^\n]*"), "") +
+         "\naddress 127.0.0.1:" + std::to_string(main_port) + "\n";
+}
+
 // mosquitto with a configuration file (tests/support/mosquitto.conf unless
 // given) on `port`, logging verbosely to a file. `stop` asks, `kill` takes it
 // down without a goodbye to its clients; `start` brings it back on the port.
@@ -92,7 +104,6 @@ class Broker {
   Broker& operator=(const Broker&) = delete;
 
   int port() const { return m_port; }
-  pid_t pid() const { return m_pid; }
   std::string log() const { return read_file(m_log); }
 
   void start() {

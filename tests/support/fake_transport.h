@@ -66,10 +66,7 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   bool is_running() const override { return running; }
   void start() override { running = true; }
   void stop() override { running = false; }
-  bool set_will(const std::string& topic, const Message& msg) override {
-    will = {topic, msg};
-    return true;
-  }
+  bool set_will(const std::string& /*topic*/, const Message& /*msg*/) override { return true; }
   void on_connected(std::function<void()> callback) override {
     connected_callback = std::move(callback);
   }
@@ -92,7 +89,6 @@ class FakeTransportClient : public ecu::lapi::com::ITransportClient {
   }
 
   std::string id = "fake";
-  Published will;
   std::function<void()> connected_callback;
   bool connected = false, running = false;
   std::vector<Call> calls;

@@ -1,7 +1,7 @@
 // The tests' own MQTT client on libmosquitto, independent of the transport
 // under test: publishes (retained too), subscribes and waits for the SUBACK,
-// and keeps what arrives per topic, in order, with its retain flag. On top,
-// the token protocol as an application speaks it.
+// and keeps what arrives per topic, in order. On top, the token protocol as
+// an application speaks it.
 #pragma once
 
 #include <mosquitto.h>
@@ -22,11 +22,17 @@ using Bytes = std::vector<std::uint8_t>;
 using protocol::Request;
 using protocol::Response;
 
+// An EngineState group on rt/ECU1; a valid one (every signal's status 0) blocks the ECU.
+inline Bytes engine_state(bool valid) {
+  const std::string d("\x05\x1a\x00\xff", 4);
+  return protocol::group_frame("EngineState", {{"Speed", d, valid ? 0u : 3u}, {"Torque", d, 0}})
+      .payload;
+}
+
 class MqttTestClient {
  public:
   struct Received {
     Bytes payload;
-    bool retain = false;
   };
 
   MqttTestClient(int port, std::string id, const std::string& user = "",
@@ -46,7 +52,7 @@ class MqttTestClient {
         m_mosq.get(), [](mosquitto*, void* self, const mosquitto_message* msg) {
           const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
           static_cast<MqttTestClient*>(self)->update([&](MqttTestClient& c) {
-            c.m_inbox[msg->topic].push_back({Bytes(bytes, bytes + msg->payloadlen), msg->retain});
+            c.m_inbox[msg->topic].push_back({Bytes(bytes, bytes + msg->payloadlen)});
             ++c.m_count[msg->topic];
           });
         });
@@ -98,16 +104,17 @@ class MqttTestClient {
     return m_count[topic];
   }
 
-  // One request as `client` (this connection's id by default); for an
-  // acquire, its answer, skipping late answers for other topics.
-  bool send(Request::Action action, const std::string& rt_topic, const std::string& client = "") {
+  // One request as `client` (this connection's id by default) on `topic`,
+  // listening for its answers from then on.
+  bool send(Request::Action action, const std::string& rt_topic, const std::string& client = "",
+            const char* topic = protocol::kRequestTopic) {
     const std::string name = client.empty() ? m_id : client;
     if (m_answered.insert(name).second) {
       subscribe(protocol::response_topic(name));
     }
-    return publish(protocol::kRequestTopic,
-                   protocol::request_frame(action, rt_topic, name).payload);
+    return publish(topic, protocol::request_frame(action, rt_topic, name).payload);
   }
+  // For an acquire, its answer, skipping late answers for other topics.
   std::optional<Response> acquire(const std::string& rt_topic, const std::string& client = "",
                                   milliseconds limit = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

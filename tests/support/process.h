@@ -68,7 +68,6 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
-  pid_t pid() const { return m_pid; }
   std::string out() const { return text(0); }
   std::string err() const { return text(1); }
   bool signal(int sig) const { return m_pid > 0 && ::kill(m_pid, sig) == 0; }
