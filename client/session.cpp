@@ -97,9 +97,11 @@ AcquireResult Session::ask(const std::string& topic, Ledger::Kind kind,
   const auto asked = Clock::now();
   const auto ticket = m_ledger.asked(topic, kind);
   const bool sent = send(protocol::kRequestTopic, Request::ACQUIRE, topic);
-  const auto answer = sent ? await(ticket, asked, timeout, lock) : std::nullopt;
+  const AcquireResult answer =
+      sent ? await(ticket, asked, timeout, lock).value_or(AcquireResult::NoAnswer)
+           : AcquireResult::NoAnswer;
   m_ledger.settled(ticket);
-  return answer.value_or(AcquireResult::NoAnswer);
+  return answer;
 }
 
 std::optional<AcquireResult> Session::await(Ledger::Ticket ticket, Clock::time_point asked,
@@ -146,14 +148,17 @@ std::optional<AcquireResult> Session::join(const std::string& topic, Clock::time
   const auto asked = Clock::now();
   const auto ticket = m_ledger.asked(topic, Ledger::Kind::Line);
   const bool sent = send(protocol::kWaitTopic, Request::ACQUIRE, topic);
-  const auto answer = sent ? await(ticket, asked, m_timing.answer_timeout, lock) : std::nullopt;
+  // tokard never answers NoAnswer: here it stands for no answer at all.
+  const AcquireResult answer =
+      sent ? await(ticket, asked, m_timing.answer_timeout, lock).value_or(AcquireResult::NoAnswer)
+           : AcquireResult::NoAnswer;
   m_ledger.settled(ticket);
   if (answer == AcquireResult::Busy) {
     return wait_in_line(topic, deadline, lock);
   }
   m_ledger.left(topic);
-  if (answer || !sent) {
-    return answer.value_or(AcquireResult::NoAnswer);
+  if (answer != AcquireResult::NoAnswer || !sent) {
+    return answer;
   }
   send(protocol::kWaitTopic, Request::RELEASE, topic);
   return std::nullopt;
