@@ -201,6 +201,14 @@ TEST_F(AnMqttClientOnAFakeLibrary, DeliversWhatAPassOfTheLoopReceivedOnceThePass
   EXPECT_EQ(recorder->seen, (Lines{"t/a full", "t/a full", "t/a ", "t/a "}));
 }
 
+TEST(AnMqttClient, WithAnIdLibmosquittoRefusesNeitherConnectsNorPublishes) {
+  LogCapture log;
+  MqttClient client("localhost", 1883, "\xff");
+  EXPECT_FALSE(client.connect());
+  EXPECT_FALSE(client.publish("t/x", Message{}));
+  EXPECT_EQ(log.matching("cannot create").size(), 1u);
+}
+
 TEST_F(AnMqttClientOnAFakeLibrary, SaysWhyItRefusesAWill) {
   LogCapture log;
   Message msg;
