@@ -13,9 +13,10 @@
 
 namespace tokard::client {
 
+// Every field is the caller's: the defaults are those of its own options.
 struct BusSettings {
-  std::string host = "localhost";
-  int port = 1883;
+  std::string host;
+  int port = 0;
   std::string mqtt_client_id;
   // The broker account; without a username the client connects anonymously.
   std::string username;
