@@ -209,6 +209,14 @@ TEST(AnMqttClient, WithAnIdLibmosquittoRefusesNeitherConnectsNorPublishes) {
   EXPECT_EQ(log.matching("cannot create").size(), 1u);
 }
 
+TEST_F(AnMqttClientOnAFakeLibrary, SaysWhenALostConnectionIsBack) {
+  LogCapture log;
+  script.events->on_connect(0);
+  script.events->on_disconnect(MOSQ_ERR_CONN_LOST);
+  script.events->on_connect(0);
+  EXPECT_EQ(log.matching("connection to broker:1883 back after").size(), 1u);
+}
+
 TEST_F(AnMqttClientOnAFakeLibrary, SaysWhyItRefusesAWill) {
   LogCapture log;
   Message msg;
