@@ -86,7 +86,7 @@ TEST(Configuration, ReadsKeyValueLinesOverDefaultsAndVerifiesRequiredKeysAndTheP
     config->set("port", bad);
     EXPECT_FALSE(config->verify()) << "port '" << bad << "'";
   }
-  for (const char* good : {"1", "1883", "65535"}) {
+  for (const char* good : {"1", "1883", "9001", "65535"}) {
     config->set("port", good);
     EXPECT_TRUE(config->verify()) << good;
   }
