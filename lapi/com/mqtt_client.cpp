@@ -377,6 +377,11 @@ void MqttClient::on_message(const mosquitto_message& raw) {
 }
 
 void MqttClient::deliver_received() {
+  // What a new connection brings waits for its connect callback, which may
+  // have to speak first (tokard publishes its state again before it answers).
+  if (m_ready_pending) {
+    return;
+  }
   m_inbox.drain([this](const std::string& topic, const Message& msg) { deliver(topic, msg); });
 }
 

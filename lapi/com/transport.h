@@ -74,7 +74,8 @@ class ITransportClient {
   // `callback` runs on the delivery thread after every accepted connect,
   // once the broker has acknowledged every SUBSCRIBE sent at that connect
   // (right after the CONNACK when nothing is subscribed): from then on, what
-  // is published on a subscribed topic reaches its observers. Not run for a
+  // is published on a subscribed topic reaches its observers. Nothing that
+  // arrives on that connection reaches them before the callback has run. Not run for a
   // connect lost before the acknowledgements. Call before `start`.
   virtual void on_connected(std::function<void()> callback) = 0;
 };
