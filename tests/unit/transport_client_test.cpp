@@ -206,6 +206,10 @@ TEST_F(AnMqttClientOnAFakeLibrary, DeliversAfterThePassAndNothingOfAConnectionBe
   EXPECT_EQ(recorder->seen, (Lines{"t/a full", "t/a full", "t/a ", "t/a "}));
 }
 
+TEST(TheMosquittoLibrary, ResolvesANameToItsAddresses) {
+  EXPECT_EQ(ecu::lapi::com::make_mosquitto()->resolve("127.0.0.1"), Lines{"127.0.0.1"});
+}
+
 TEST(AnMqttClient, WithAnIdLibmosquittoRefusesNeitherConnectsNorPublishes) {
   LogCapture log;
   MqttClient client("localhost", 1883, "\xff");
