@@ -93,11 +93,14 @@ INSTANTIATE_TEST_SUITE_P(Stories, AnAnswer, testing::ValuesIn(kCases), [](const 
 
 TEST_F(ALedger, CountsALeaseFromTheSendingOfTheRequestTokardLastGranted) {
   const auto ticket = ledger.asked("rt/E", Kind::Keep);
+  const auto other = ledger.asked("rt/F", Kind::Keep);
   const auto asked = now;
   now += 40ms;
   EXPECT_FALSE(ledger.answer_to(ticket));
   EXPECT_EQ(ledger.answered("rt/E", AcquireResult::Acquired), Step::None);
   EXPECT_EQ(ledger.answer_to(ticket), AcquireResult::Acquired);
+  EXPECT_FALSE(ledger.answer_to(other)) << "an answer is for its own topic only";
+  ledger.settled(other);
   ledger.settled(ticket);
   EXPECT_EQ(ledger.granted_at("rt/E"), asked);
   now += 3s;
