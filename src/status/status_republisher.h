@@ -19,12 +19,13 @@ namespace tokard {
 // subscriptions are acknowledged, on the delivery thread, so the statuses go
 // out before any request of the new connection is answered.
 //
-// One round at a time: after a round's statuses tokard publishes a marker to
-// itself, and the broker, which handles one connection's messages in order,
-// sends it back only once it has taken every status of the round. A reconnect
-// while a round is out calls for one more round once that marker is back;
-// libmosquitto sends the round's unacknowledged statuses again meanwhile. A
-// flapping broker thus never has more than one round queued for it.
+// Every connect starts a round, also while the last one is out: the broker
+// that acknowledged part of it may be the one that lost it. After a round's
+// statuses tokard publishes a marker to itself; the broker, which handles
+// one connection's messages in order, sends it back once it has taken every
+// status of the round, and the round's time is logged. The pace is the
+// broker's: libmosquitto keeps at most its inflight window of QoS 1
+// messages unacknowledged and queues the rest.
 class StatusRepublisher : public ecu::lapi::com::ISubscriptionObserver {
  public:
   using Clock = Ecu::Clock;
@@ -51,7 +52,6 @@ class StatusRepublisher : public ecu::lapi::com::ISubscriptionObserver {
   std::shared_ptr<StatusPublisher> m_publisher;
   std::shared_ptr<utils::SubWrapper> m_subscriber;
   bool m_subscribed = false;
-  bool m_again = false;
   std::atomic<std::uint64_t> m_round{0};
   std::atomic<bool> m_round_out{false};
   std::size_t m_round_size = 0;
