@@ -7,11 +7,14 @@
 #
 # Usage: bench/republish.sh [BUILD_DIR]     (default build; tokard, tokctl and
 #        bench/loadgen built there, -DTOKARD_BUILD_BENCH=ON)
-# Environment: ECUS (10000), PROBES (100).
+# Environment: ECUS (10000), PROBES (100), FLAPS (0: after the measurement,
+#   kill and start the broker again FLAPS times 1.1 s apart, then count the
+#   statuses on the broker and tokard's resident memory).
 set -euo pipefail
 build=$(cd "${1:-build}" && pwd)
 ecus=${ECUS:-10000}
 probes=${PROBES:-100}
+flaps=${FLAPS:-0}
 tmp=$(mktemp -d)
 pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true; rm -rf "$tmp"' EXIT
@@ -32,7 +35,8 @@ broker_up() {
 }
 broker_up
 "$build/src/main/tokard" -L -l INFO -H 127.0.0.1 -p "$port" >"$tmp/tokard.log" 2>&1 &
-pids+=($!)
+tokard=$!
+pids+=("$tokard")
 for _ in $(seq 500); do
   grep -q 'Read back' "$tmp/tokard.log" && break
   sleep 0.02
@@ -96,3 +100,27 @@ if rtt:
     print(f"  all answered: median {rtt[len(rtt) // 2]:.1f} ms, max {rtt[-1]:.0f} ms")
 EOF
 grep 'tokard.status' "$tmp/tokard.log" | sed 's/^/  tokard: /'
+
+[ "$flaps" -gt 0 ] || exit 0
+echo "== broker killed and started again $flaps times, 1.1 s apart"
+rss() { awk '/^VmRSS/ {print $2, $3}' "/proc/$tokard/status"; }
+echo "  tokard VmRSS before: $(rss)"
+rounds_before=$(grep -c 'token statuses again' "$tmp/tokard.log" || true)
+for _ in $(seq "$flaps"); do
+  kill -KILL "$broker"
+  wait "$broker" 2>/dev/null || true
+  broker_up
+  sleep 1.1
+  echo "  tokard VmRSS: $(rss)"
+done
+for _ in $(seq 300); do
+  [ "$(grep -c 'token statuses again' "$tmp/tokard.log")" -gt "$rounds_before" ] && break
+  sleep 0.1
+done
+sleep 2
+# Ends at the first live message or after 5 s (status 27).
+kept=$({ mosquitto_sub -p "$port" -t 'system/tokard/status/+' --retained-only -W 5 -F '%t' 2>/dev/null || true; } |
+  wc -l)
+echo "  statuses on the broker at the end: $kept (of $((ecus + probes)))"
+echo "  tokard connected $(grep -c ' as tokard ' "$tmp/broker.log") times in all, VmRSS after: $(rss)"
+grep 'token statuses again' "$tmp/tokard.log" | tail -n +$((rounds_before + 1)) | sed 's/^/  tokard: /'

@@ -26,13 +26,17 @@ StatusRepublisher::~StatusRepublisher() {
 }
 
 void StatusRepublisher::connected() {
-  // Also while a round is out: the broker that acknowledged part of it may
-  // be the one that lost it, and requests of this connection are answered
-  // only after what is published here.
+  if (m_round_out) {
+    m_again = true;
+    // The marker may have reached the broker before the subscription did.
+    send_marker();
+    return;
+  }
   start_round();
 }
 
 void StatusRepublisher::start_round() {
+  m_again = false;
   const std::size_t count = m_publisher->republish();
   if (count == 0) {
     return;
@@ -76,7 +80,10 @@ void StatusRepublisher::message(const std::string& topic, const ecu::lapi::com::
   const auto took =
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_round_started);
   LAPI_LOG(INFO, g_log) << "Published " << m_round_size << " token statuses again in "
-                        << took.count() << " ms";
+                        << took.count() << " ms" << (m_again ? "; reconnected meanwhile" : "");
+  if (m_again) {
+    start_round();
+  }
 }
 
 }  // namespace tokard
