@@ -5,6 +5,7 @@
 #include <fstream>
 #include <istream>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <utility>
 
 #include "ecu/pb/rt.pb.h"
@@ -67,14 +68,19 @@ bool SignalAdapter::load(std::istream& in, const std::string& origin) {
   } else if (!doc.is_object() || list == doc.end() || !list->is_array()) {
     problem = "no \"groups\" array";
   } else {
+    std::size_t position = 0;
     for (const Json& entry : *list) {
+      ++position;
       const auto topic = entry.is_object() ? entry.find("topic") : entry.end();
       const auto name = entry.is_object() ? entry.find("name") : entry.end();
       const auto signals = entry.is_object() ? entry.find("signals") : entry.end();
       if (topic == entry.end() || !topic->is_string() ||
           topic->get_ref<const std::string&>().empty() || name == entry.end() ||
           !name->is_string() || signals == entry.end() || !is_string_array(*signals)) {
-        problem = "group " + entry.dump() + " needs a topic, a name and a list of signal names";
+        // Named by its place in the list: printing the entry back would
+        // link JSON's whole writer into the daemon for one error line.
+        problem = "group " + std::to_string(position) +
+                  " needs a topic, a name and a list of signal names";
         break;
       }
       Definition definition{name->get<std::string>(), signals->get<std::vector<std::string>>()};

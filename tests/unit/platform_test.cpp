@@ -166,6 +166,14 @@ TEST_F(ASignalAdapter, DropsEveryDefinitionWithOneErrorForAFileItCannotUse) {
                   "ERROR lapi.rt: Malformed signal definitions " + path + ": ", 0),
               0u);
   }
+  {
+    LogCapture log;
+    const std::string path =
+        write_file(scratch("second.json"), R"({"groups": [)" + q + "]}, {\"topic\": 3}]}");
+    EXPECT_FALSE(adapter.load(path));
+    EXPECT_EQ(log.lines(), Lines{"ERROR lapi.rt: Malformed signal definitions " + path +
+                                 ": group 2 needs a topic, a name and a list of signal names"});
+  }
   ASSERT_TRUE(adapter.load(write_file(scratch("good.json"), R"({"groups": [)" + q + "]}]}")));
   LogCapture log;
   EXPECT_FALSE(adapter.load("/nonexistent/rt_signals.json"));
