@@ -119,8 +119,8 @@ for _ in $(seq 300); do
 done
 sleep 2
 # Ends at the first live message or after 5 s (status 27).
-kept=$({ mosquitto_sub -p "$port" -t 'system/tokard/status/+' --retained-only -W 5 -F '%t' 2>/dev/null || true; } |
-  wc -l)
+kept=$({ mosquitto_sub -p "$port" -t 'system/tokard/status/+' --retained-only -W 5 -F '%t' \
+          2>/dev/null || true; } | wc -l)
 echo "  statuses on the broker at the end: $kept (of $((ecus + probes)))"
 echo "  tokard connected $(grep -c ' as tokard ' "$tmp/broker.log") times in all, VmRSS after: $(rss)"
 grep 'token statuses again' "$tmp/tokard.log" | tail -n +$((rounds_before + 1)) | sed 's/^/  tokard: /'

@@ -24,11 +24,10 @@ namespace tokard {
 // sends it back only once it has taken every status of the round. A reconnect
 // while a round is out calls for one more round once that marker is back;
 // libmosquitto sends the round's unacknowledged statuses again meanwhile,
-// ahead of anything new. A flapping broker thus never has more than one round
-// queued for it (a round per reconnect grew tokard by 3 MB per reconnect with
-// 10,000 statuses). The price: what a broker acknowledged of a round and then
-// lost is back only with the next round, after the new connection's first
-// answers.
+// ahead of anything new. However often a flapping broker comes back, it
+// never has more than one round queued for it, and tokard's memory stays
+// flat. The price: what a broker acknowledged of a round and then lost is
+// back only with the next round, after the new connection's first answers.
 class StatusRepublisher : public ecu::lapi::com::ISubscriptionObserver {
  public:
   using Clock = Ecu::Clock;
